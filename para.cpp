@@ -1,0 +1,1 @@
+#include "para_internal.h"

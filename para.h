@@ -1,0 +1,191 @@
+/* Parameter library of the camera: the one public header.
+ *
+ * Every name declared here is exported with C linkage; nothing else in the
+ * library is visible to the linker. Per-member function families are
+ * declared from the member tables (PARA_*_MEMBERS) so the header and the
+ * implementation can never disagree. */
+#ifndef PARA_H
+#define PARA_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+#include <time.h>
+
+#include <cjson/cJSON.h>
+
+#include "dov_common.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define PARA_API __attribute__((visibility("default")))
+#else
+#define PARA_API
+#endif
+
+/* ========================================================================
+ * Core: profile, module handler table, lifecycle
+ * ======================================================================== */
+
+typedef void (*para_version_conflict_callback_fun)(char* para_file, int old_version, int new_version);
+typedef void (*para_isp_set_callback_fun)(void* setter, int pipe, int value);
+typedef void (*para_video_set_callback_fun)(void* setter, int stream, int value);
+typedef void (*para_audio_set_callback_fun)(void* setter, int value);
+typedef void (*para_af_set_callback_fun)(void* setter, int value);
+typedef void (*para_misc_set_callback_fun)(char* file_name, const void* setter, char* key, int value);
+typedef void (*para_odm_set_callback_fun)(void* key);
+typedef void (*para_conf_set_callback_fun)(char* file_name, const char* key);
+typedef void (*para_isp_page_set_callback_fun)(void* json);
+typedef void (*para_video_page_set_callback_fun)(void* json);
+typedef void (*para_audio_page_set_callback_fun)(void* json);
+typedef void (*para_af_page_set_callback_fun)(void* json);
+typedef void (*para_misc_page_set_callback_fun)(char* parse_name, void* json);
+typedef void (*para_conf_page_set_callback_fun)(char* file_name);
+
+typedef struct dov_para_profile {
+    char* param_rofile_dir;  /* "/home" */
+    char* param_rwfile_dir;  /* "/data" */
+    int client;              /* 0 server, nonzero client */
+    char* config_file_name;  /* NULL: "www2json.json" */
+    para_version_conflict_callback_fun para_version_conflict;
+    para_isp_set_callback_fun isp_caller;
+    para_video_set_callback_fun video_caller;
+    para_audio_set_callback_fun audio_caller;
+    para_af_set_callback_fun af_caller;
+    para_misc_set_callback_fun misc_caller;
+    para_odm_set_callback_fun odm_caller;
+    para_conf_set_callback_fun conf_caller_in;
+    para_isp_page_set_callback_fun isp_page_caller;
+    para_video_page_set_callback_fun video_page_caller;
+    para_audio_page_set_callback_fun audio_page_caller;
+    para_af_page_set_callback_fun af_page_caller;
+    para_misc_page_set_callback_fun misc_page_caller;
+    para_conf_page_set_callback_fun conf_caller;
+    int conf_save;
+    int p_shutter_isp;
+} dov_para_profile;
+
+PARA_API extern dov_para_profile para_profile;
+
+typedef struct module_para_handle_s {
+    char* parse_name;
+    int (*init)(char* parse_name);
+    void (*init_stage2)(char* parse_name);
+    int (*set_buf)(char* req_name, void* jsonIn, char* parse_name);
+    int (*get_buf)(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+    int (*need_save)(char* parse_name);
+    int (*save)(char* parse_name);
+} module_para_handle_s;
+
+typedef struct module_para_protocol_handle_s {
+    char* parse_name;
+    int (*init)(void);
+    void* (*convert)(char* in, char* err_msg, int err_msg_buf_size);
+    char* (*reverse_convert)(void* json);
+} module_para_protocol_handle_s;
+
+#define PARA_MODULE_ROWS 64
+#define PARA_EXTERN_ROWS 32
+
+PARA_API extern module_para_handle_s module_para_handle[PARA_MODULE_ROWS];
+PARA_API extern int module_para_handle_num;
+PARA_API extern module_para_protocol_handle_s module_para_protocol_handle[1];
+PARA_API extern int module_para_protocol_handle_num;
+PARA_API extern cJSON* para_config;
+
+PARA_API void platformparam_init(void);
+PARA_API int platformparam_stop(int IsStop);
+PARA_API int platformparam_save(void);
+PARA_API void platformparam_set_save_param_time(int audio_ms, int video_ms);
+PARA_API void register_para_handle_extern(module_para_handle_s* handle);
+PARA_API int para_conflict_callback(char* para_file, int old_version, int new_version);
+
+PARA_API int update_conf(char* path, char* keyword, char* item);
+PARA_API int update_line_conf(char* path, char* keyword, char* new_key_word_value);
+PARA_API int update_line_conf_str(char* path, char* keyword, char* keyvalue, char* format);
+PARA_API int update_line_conf_int(char* path, char* keyword, int keyvalue, char* format);
+
+/* ========================================================================
+ * Message server and API commands
+ * ======================================================================== */
+
+#define PARA_SERVER_PORT 6800
+#define PARA_MESSAGE_BUF 4096
+
+typedef struct para_server_message_info {
+    char buffer[PARA_MESSAGE_BUF];
+    int fd;
+    struct sockaddr_in addressRec;
+} para_server_message_info;
+
+typedef struct param_handle_t {
+    const char* content;
+    int (*pfunc)(int type, para_server_message_info* info, cJSON** jsonout);
+    int size;
+} param_handle_t;
+
+PARA_API int register_param_command(char* customer_name, param_handle_t* param_list, int array_size);
+
+/* ======================== BEGIN stores (json / conf / misc / odm) ======= */
+/* Table operations of the JSON-described modules and the .conf modules. */
+PARA_API int para_init_misc(char* parse_name);
+PARA_API int para_set_misc_opt(char* req_name, void* jsonIn, char* parse_name);
+PARA_API int para_get_misc_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+PARA_API int para_need_save_misc(char* parse_name);
+PARA_API int para_save_misc(char* parse_name);
+PARA_API int para_init_conf(char* parse_name);
+PARA_API int para_set_conf_opt(char* req_name, void* jsonIn, char* parse_name);
+PARA_API int para_get_conf_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+PARA_API int para_need_save_conf(char* parse_name);
+PARA_API int para_save_conf(char* parse_name);
+/* Factory (ODM) overrides. */
+PARA_API int para_init_odm(char* parse_name);
+PARA_API void para_init_stage2_odm(char* parse_name);
+PARA_API int para_need_save_odm(char* parse_name);
+PARA_API int para_save_odm(char* parse_name);
+/* ======================== END stores ==================================== */
+
+/* ======================== BEGIN video =================================== */
+PARA_API int para_init_video(char* parse_name);
+PARA_API int para_set_video_opt(char* req_name, void* jsonIn, char* parse_name);
+PARA_API int para_get_video_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+PARA_API int para_need_save_video(char* parse_name);
+PARA_API int para_save_video(char* parse_name);
+PARA_API void para_set_video_save_param_time(int ms);
+/* ======================== END video ===================================== */
+
+/* ======================== BEGIN isp ===================================== */
+PARA_API int para_init_isp(char* parse_name);
+PARA_API int para_set_isp_opt(char* req_name, void* jsonIn, char* parse_name);
+PARA_API int para_get_isp_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+PARA_API int para_need_save_isp(char* parse_name);
+PARA_API int para_save_isp(char* parse_name);
+/* ======================== END isp ======================================= */
+
+/* ======================== BEGIN audio / af ============================== */
+PARA_API int para_init_audio(char* parse_name);
+PARA_API int para_set_audio_opt(char* req_name, void* jsonIn, char* parse_name);
+PARA_API int para_get_audio_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+PARA_API int para_need_save_audio(char* parse_name);
+PARA_API int para_save_audio(char* parse_name);
+PARA_API void para_set_audio_save_param_time(int ms);
+PARA_API int para_init_af(char* parse_name);
+PARA_API int para_get_af_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+PARA_API int para_need_save_af(char* parse_name);
+PARA_API int para_save_af(char* parse_name);
+/* ======================== END audio / af ================================ */
+
+/* ======================== BEGIN www / client ============================ */
+PARA_API int para_init_www(void);
+PARA_API void* para_convert_www_opt(char* in, char* err_msg, int err_msg_buf_size);
+PARA_API char* para_reverse_convert_www_opt(void* json);
+PARA_API int para_client_init(void);
+/* ======================== END www / client ============================== */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

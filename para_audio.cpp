@@ -1,0 +1,9 @@
+#include "para_internal.h"
+
+// Placeholder until the module lands: keeps the handler table linkable.
+extern "C" int para_init_audio(char*){return 0;}
+extern "C" int para_set_audio_opt(char*,void*,char*){return 0;}
+extern "C" int para_get_audio_opt(char*,void*,void**,char*){return 0;}
+extern "C" int para_need_save_audio(char*){return 0;}
+extern "C" int para_save_audio(char*){return 0;}
+extern "C" void para_set_audio_save_param_time(int){}

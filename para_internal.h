@@ -1,0 +1,109 @@
+/* Private helpers shared by the library's modules. Not installed. */
+#ifndef PARA_INTERNAL_H
+#define PARA_INTERNAL_H
+
+#include "para.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+/* Every line of the library carries "[para <function> +<line>]". The level
+ * test is repeated here so disabled lines cost no formatting. */
+#define PARA_LOG(level, fmt, ...)                                                      \
+    do {                                                                               \
+        if (dbgout_profile.para_level >= (level))                                      \
+            dov_traceout((level), "[para %s +%-4d]" fmt, __func__, __LINE__, ##__VA_ARGS__); \
+    } while (0)
+
+#define PARA_ERR 3
+#define PARA_INFO 6
+#define PARA_DETAIL 7
+
+#define PARA_PATH_MAX 128
+
+namespace para {
+
+/* Owning handle for cJSON trees. */
+struct JsonDeleter {
+    void operator()(cJSON* j) const { cJSON_Delete(j); }
+};
+using JsonPtr = std::unique_ptr<cJSON, JsonDeleter>;
+
+struct FreeDeleter {
+    void operator()(void* p) const { free(p); }
+};
+using CharPtr = std::unique_ptr<char, FreeDeleter>;
+
+/* dir + name (+ suffix) into a PARA_PATH_MAX buffer. A path that does not
+ * fit is refused with a log line: false, and out holds "". */
+bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
+               const char* suffix = nullptr);
+
+/* Reads and parses a JSON file. Logs "Error before: [%s]" (with the given
+ * trailing text) on a parse error. *unreadable tells the two failures apart. */
+JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail = "");
+
+/* Formatted print + one NUL byte, written with "wb". Returns the fflush
+ * result (0 ok), or 0 without writing when the file cannot be opened. */
+int write_json_file(const char* path, const cJSON* json);
+
+/* Integer value of any item: numbers saturate at the int limits, true is 1,
+ * everything else 0. */
+int json_int(const cJSON* item);
+
+/* Prefix match of text against names (text compared over its own length).
+ * File rule: every match overwrites, last one wins. Returns -1 when none. */
+int name_match_last(const char* text, const char* const* names, int count);
+/* Request rule: first match; else a leading decimal number; else -1000. */
+int name_lookup_num(const char* text, const char* const* names, int count);
+/* Whole-name match: index or -1. */
+int name_index_exact(const char* text, const char* const* names, int count);
+
+/* Change flag + time of a module's latest accepted change. The flag is
+ * atomic because host threads set it while the worker's sweep reads it. */
+struct ChangeState {
+    std::atomic<int> flag{0};
+    std::atomic<int64_t> stamp_ms{0};
+
+    void mark();
+    /* Set and at least delay_ms old. */
+    bool due(int delay_ms) const;
+    /* Clears the flag; true when it was set. */
+    bool take() { return flag.exchange(0) != 0; }
+    /* Same as timespec for modules that export the time. */
+    static int64_t now_ms();
+};
+
+/* Copies the stamp into an exported timespec. */
+void stamp_to_timespec(int64_t ms, struct timespec* ts);
+
+/* Exact-length comparison of a string with a literal / another string. */
+inline bool same(const char* a, std::string_view b)
+{
+    return a && std::string_view(a) == b;
+}
+
+/* a begins with b (compared over b's length). */
+inline bool starts_with(const char* a, std::string_view b)
+{
+    return a && std::strncmp(a, b.data(), b.size()) == 0 && std::strlen(a) >= b.size();
+}
+
+} // namespace para
+
+/* Core internals reached by the server and the tests. */
+int para_get_msg_name_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+int para_get_msg_id_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
+int para_free_msg_name_opt(char* parse_name);
+void register_para_handle_json_pattern(void);
+void register_para_handle_conf_pattern(void);
+int register_para_handle_extern_pattern(void);
+
+int para_server_init(void);
+int para_server_message_Process(para_server_message_info* info);
+
+#endif

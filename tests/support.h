@@ -1,0 +1,73 @@
+// Shared helpers of the test executables: fixture directories, log capture,
+// a UDP client for port 6800.
+#pragma once
+
+#include "para.h"
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// A fresh directory with "ro" and "rw" inside, removed at the end.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string ro() const { return path_ + "/ro"; }
+    std::string rw() const { return path_ + "/rw"; }
+    // Points para_profile at ro/rw (the strings live as long as this object).
+    void use_as_profile();
+
+private:
+    std::string path_, ro_, rw_;
+};
+
+void write_file(const std::string& path, const std::string& content);
+// Whole file, NUL bytes included; nullopt when missing.
+std::optional<std::string> read_file(const std::string& path);
+bool file_exists(const std::string& path);
+// Copies every regular file of src into dst.
+void copy_dir_files(const std::string& src, const std::string& dst);
+std::string example_device_dir();
+
+// Captures every log line of the library while alive (level 7 unless told).
+class LogCapture {
+public:
+    explicit LogCapture(int level = 7);
+    ~LogCapture();
+    std::vector<std::string> lines() const;
+    bool contains(const std::string& text) const;
+    int count(const std::string& text) const;
+    void clear();
+    std::string dump() const;
+
+private:
+    static void cb(int level, const char* line);
+    static LogCapture* current_;
+    mutable std::mutex mu_;
+    std::vector<std::string> lines_;
+    int saved_level_;
+};
+
+// Sends one datagram to 127.0.0.1:port and waits for one reply.
+std::optional<std::string> udp_request(const std::string& text, int timeout_ms = 1000,
+                                       int port = PARA_SERVER_PORT);
+// Sends without waiting; returns bytes sent.
+int udp_send(const std::string& bytes, int port = PARA_SERVER_PORT);
+
+// Polls pred every 10 ms until it holds or timeout passes.
+bool wait_until(const std::function<bool()>& pred, int timeout_ms);
+
+// Compact form of a JSON text (parse + print unformatted), "" if not JSON.
+std::string compact(const std::string& json_text);
+
+} // namespace test
