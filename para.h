@@ -145,6 +145,14 @@ PARA_API int para_init_odm(char* parse_name);
 PARA_API void para_init_stage2_odm(char* parse_name);
 PARA_API int para_need_save_odm(char* parse_name);
 PARA_API int para_save_odm(char* parse_name);
+PARA_API extern cJSON* json_odm_file;
+PARA_API extern struct timespec odm_item_start_time;
+PARA_API void para_set_odm_int(char* key, int value);
+PARA_API void para_set_odm_string(char* key, char* value);
+PARA_API int _para_set_odm_int(char* key, int value);
+PARA_API int _para_set_odm_string(char* key, char* value);
+PARA_API int para_get_odm_int(char* key, int* value);
+PARA_API int para_get_odm_string(char* key, char* str_buf);
 /* ======================== END stores ==================================== */
 
 /* ======================== BEGIN video =================================== */
