@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,7 +16,12 @@
 namespace {
 
 std::vector<std::string> changed_keys;
-void record_key(void* key) { changed_keys.emplace_back(static_cast<char*>(key)); }
+std::mutex changed_mutex;
+void record_key(void* key)
+{
+    std::lock_guard<std::mutex> lock(changed_mutex);
+    changed_keys.emplace_back(static_cast<char*>(key));
+}
 
 struct Conflict {
     std::string file;
@@ -292,6 +298,7 @@ TEST_F(Odm, ConcurrentFirstWritesCreateOneStore)
     int v = 0;
     EXPECT_EQ(para_get_odm_int(k("key3"), &v), 0);
     EXPECT_EQ(v, 199);
+    EXPECT_EQ(changed_keys.size(), 8u * 200u);
 }
 
 } // namespace
