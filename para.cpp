@@ -315,6 +315,8 @@ extern "C" void platformparam_init(void)
     const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
     if (para::make_path(path, para_profile.param_rofile_dir, map_name)) {
         para::CharPtr text(read_file_to_buf(path));
+        if (!text)
+            PARA_LOG(PARA_INFO, "mapping file %s not readable; default pattern lists apply", path);
         para_config = text ? cJSON_Parse(text.get()) : nullptr;
     }
     if (!para_config) {
