@@ -190,8 +190,9 @@ TEST(Www, MsgIdWrapsAfter255)
     std::string last;
     for (int i = 1; i <= 256; ++i) {
         last = convert(R"({"msg_type":"get","msg_name":"encode"})").request;
-        if (i == 255)
+        if (i == 255) {
             EXPECT_NE(last.find(R"("msg_id":255,)"), std::string::npos) << last;
+        }
     }
     EXPECT_NE(last.find(R"("msg_id":0,)"), std::string::npos) << last;
 }
