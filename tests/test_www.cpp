@@ -104,7 +104,8 @@ TEST(Www, MarksConvertBothWays)
     EXPECT_EQ(modules_of(web_set("fk=4.5678")), R"({"m":{"k":4567}})");
     EXPECT_EQ(modules_of(web_set("fk=-1.5&fp=3&ff=1.25&fs=12ab&fn=7x")),
               R"({"m":{"k":-1500,"p":2,"f":1,"s":"12ab","n":7}})");
-    EXPECT_EQ(modules_of(web_set("fn=abc")), R"({"m":{"n":0}})");
+    EXPECT_EQ(modules_of(web_set("fn=abc&fk=1e30")), R"({"m":{"n":0,"k":2147483647}})");
+    EXPECT_EQ(modules_of(web_set("fp=-2147483648")), R"({"m":{"p":-2147483648}})");
 
     // The first pair never starts with "&", whatever its mark.
     EXPECT_EQ(reverse(R"({"m":{"k":4500}})"), "fk=4.5");

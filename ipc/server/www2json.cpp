@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cmath>
 
 namespace {
 
@@ -35,15 +34,14 @@ bool is_mark(const char* mark, std::string_view want)
     return para::same(mark, want);
 }
 
-int saturate(double d)
+/* Thousands typed in the form: integer part of value x 1000, saturated the
+ * way every number read from a request is. */
+int form_thousands(const char* value)
 {
-    if (std::isnan(d))
-        return 0;
-    if (d >= static_cast<double>(INT_MAX))
-        return INT_MAX;
-    if (d <= static_cast<double>(INT_MIN))
-        return INT_MIN;
-    return static_cast<int>(d);
+    cJSON number{};
+    number.type = cJSON_Number;
+    number.valuedouble = std::strtod(value, nullptr) * 1000.0;
+    return para::json_int(&number);
 }
 
 /* Leading decimal integer, 0 when there is none (the web server sends
@@ -56,7 +54,7 @@ long long leading_int(const char* text)
 int form_number(const char* value, const char* mark)
 {
     if (is_mark(mark, "K"))
-        return saturate(std::strtod(value, nullptr) * 1000.0);
+        return form_thousands(value);
     long long v = leading_int(value);
     if (is_mark(mark, "P"))
         v -= 1;
