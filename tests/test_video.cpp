@@ -445,5 +445,3 @@ TEST_F(Video, LogDumpsAndDeferredTableDumps)
 
 } // namespace
 
-// The core that defines the profile has not landed yet.
-dov_para_profile para_profile{};
