@@ -1,4 +1,5 @@
 // Video module behind the message server: real datagrams to port 6800.
+#include "para_internal.h"
 #include "support.h"
 
 #include <gtest/gtest.h>
@@ -45,6 +46,8 @@ protected:
         para_profile.video_caller = on_member;
         platformparam_set_save_param_time(2000, 300);
         platformparam_init();
+        // Another process holding the port would answer in our place.
+        ASSERT_EQ(para_server_bound_port(), PARA_SERVER_PORT);
     }
     void TearDown() override { platformparam_stop(1); }
 
