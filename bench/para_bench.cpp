@@ -93,6 +93,15 @@ struct EchoServer {
     }
 };
 
+// One Redis command in its wire form.
+std::string resp(std::initializer_list<std::string> words)
+{
+    std::string out = "*" + std::to_string(words.size()) + "\r\n";
+    for (const auto& w : words)
+        out += "$" + std::to_string(w.size()) + "\r\n" + w + "\r\n";
+    return out;
+}
+
 // ---- the peer: Redis 7 on a loopback port, one client, no pipelining ---
 
 struct Redis {
@@ -121,7 +130,7 @@ struct Redis {
             if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
                 int one = 1;
                 setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-                ok = command("*3\r\n$3\r\nSET\r\n$11\r\nvideo0.gop\r\n$2\r\n60\r\n");
+                ok = command(resp({"SET", "video0.gop", "60"}));
             } else {
                 close(fd);
                 fd = -1;
@@ -174,7 +183,7 @@ void BM_RedisGet(benchmark::State& st)
         st.SkipWithError("redis-server not available");
         return;
     }
-    const std::string get = "*2\r\n$3\r\nGET\r\n$11\r\nvideo0.gop\r\n";
+    const std::string get = resp({"GET", "video0.gop"});
     for (auto _ : st)
         if (!r.command(get))
             st.SkipWithError("redis error");
@@ -319,7 +328,7 @@ public:
         ConsoleReporter::ReportRuns(runs);
         for (const Run& r : runs)
             if (!r.error_occurred)
-                ns[r.benchmark_name()] = r.GetAdjustedRealTime() *
+                ns[r.run_name.function_name] = r.GetAdjustedRealTime() *
                                          (r.time_unit == benchmark::kMicrosecond ? 1e3
                                           : r.time_unit == benchmark::kMillisecond ? 1e6 : 1.0);
     }
@@ -345,7 +354,7 @@ std::string summary(const Collector& c)
     };
     double echo = get("BM_EchoRoundTrip"), getv = get("BM_GetTwoVideoMembers"), redis = get("BM_RedisGet");
     double set = get("BM_SetChangingValue"), direct = get("BM_DirectSetterGetter"), sweep = get("BM_IdleSaveSweep");
-    double start = get("BM_StartupToFirstReply/iterations:50/manual_time"), web = get("BM_WebReadConversion20");
+    double start = get("BM_StartupToFirstReply"), web = get("BM_WebReadConversion20");
     struct Row {
         std::string what, figure, ratio, target, verdict;
     };
@@ -403,6 +412,7 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks(&rep);
     std::string table = summary(rep);
     printf("\n%s", table.c_str());
+    fflush(stdout);
     if (!results.empty()) {
         FILE* f = fopen(results.c_str(), "w");
         if (f) {
