@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace {
@@ -66,6 +67,44 @@ bool key_round_trips(const char* key)
     size_t n = std::strlen(key);
     auto blank = [](char c) { return c == ' ' || c == '\t'; };
     return !blank(key[0]) && !blank(key[n - 1]);
+}
+
+int collect_key(void* argv, const char* key, const char*)
+{
+    static_cast<std::vector<std::string>*>(argv)->emplace_back(key);
+    return 0;
+}
+
+/* Defaults, then the read-write file over them. A key the read-write file
+ * sets is not first put back to its default: on a reload that would mark it
+ * changed (and show the default for a moment) although its value stays. */
+void parse_layers(configure* cur, const char* ro, const char* rw)
+{
+    configure* over = configure_init();
+    configure* defs = configure_init();
+    std::vector<std::string> keep;
+    bool filtered = false;
+    if (configure_parse(over, nullptr, rw) == 0 && configure_parse(defs, nullptr, ro) == 0) {
+        std::vector<std::string> all;
+        defs->loop(defs, collect_key, &all);
+        for (auto& k : all)
+            if (!over->getparameter(over, k.c_str()))
+                keep.push_back(std::move(k));
+        filtered = keep.size() <= UINT8_MAX;
+    }
+    if (filtered) {
+        std::vector<const char*> names;
+        for (auto& k : keep)
+            names.push_back(k.c_str());
+        config_keys* list = config_keys_format(names.data(), static_cast<uint8_t>(names.size()));
+        configure_parse(cur, list, ro);
+        free(list);
+    } else {
+        configure_parse(cur, nullptr, ro);
+    }
+    configure_parse(cur, nullptr, rw);
+    configure_free(over);
+    configure_free(defs);
 }
 
 int get_text(configure* store, const char* key, char* buf, int size)
@@ -227,8 +266,7 @@ int para_init_single_conf(char* parse_name)
         }
         return -1;
     }
-    configure_parse(cur, nullptr, ro);
-    configure_parse(cur, nullptr, rw);
+    parse_layers(cur, ro, rw);
     if (fresh) {
         slot.def_conf = def;
         slot.conf = cur;
@@ -298,10 +336,10 @@ int para_conf_key_IsChanged(const char* file_name, const char** keys, uint8_t co
     configure* store = current_store(file_name);
     if (!store)
         return -1;
-    para::CharPtr list(reinterpret_cast<char*>(config_keys_format(keys, count)));
+    std::unique_ptr<config_keys, para::FreeDeleter> list(config_keys_format(keys, count));
     if (!list)
         return 0;
-    int idx = configure_key_IsChanged(store, reinterpret_cast<config_keys*>(list.get()));
+    int idx = configure_key_IsChanged(store, list.get());
     if (idx >= 0)
         PARA_LOG(PARA_INFO, "key id %d changed", idx);
     return idx >= 0 ? 1 : 0;
