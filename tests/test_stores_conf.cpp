@@ -57,6 +57,19 @@ std::string request_get(const char* req_key, const char* items, const char* modu
     return t.get();
 }
 
+int need_save(const char* module)
+{
+    return para_need_save_conf(const_cast<char*>(module));
+}
+int save(const char* module)
+{
+    return para_save_conf(const_cast<char*>(module));
+}
+bool becomes_due(const char* module)
+{
+    return test::wait_until([module] { return need_save(module) == 1; }, 3000);
+}
+
 // Drains the "changed" marks every entry carries after its first load.
 void clear_marks(const char* module, const char** keys, uint8_t n)
 {
@@ -82,8 +95,8 @@ TEST(ConfStore, ReadWriteFileLayersOverDefaults)
     EXPECT_EQ(para_conf_get_member("overlay", "x"), nullptr);
     EXPECT_EQ(para_conf_get_member_safe("overlay", "x", buf, sizeof buf), -1);
     EXPECT_EQ(para_save_conf_2_buf("overlay", buf, sizeof buf), -1);
-    EXPECT_EQ(para_need_save_conf(const_cast<char*>("overlay")), 0);
-    EXPECT_EQ(para_need_save_conf(const_cast<char*>("nosuch")), -1);
+    EXPECT_EQ(need_save("overlay"), 0);
+    EXPECT_EQ(need_save("nosuch"), -1);
     EXPECT_EQ(_para_conf_set_member("nosuch", "k", "v"), -1);
     // Named accessors reach the same store.
     EXPECT_STREQ(para_get_netport_member("ip"), "192.168.1.10");
@@ -99,12 +112,12 @@ TEST(ConfStore, SetMarksChangeAndCallsBack)
     load(dir, {"netport"});
     EXPECT_EQ(para_conf_set_member("netport", "port", "8080"), 0);
     EXPECT_TRUE(g_member_calls.empty());
-    EXPECT_EQ(para_need_save_conf(const_cast<char*>("netport")), 0);
+    EXPECT_EQ(need_save("netport"), 0);
 
     EXPECT_EQ(para_conf_set_member("netport", "gateway", "192.168.1.1"), 1); // new key
     EXPECT_EQ(g_member_calls, std::vector<std::string>{"netport:gateway"});
     EXPECT_EQ(member("netport", "gateway"), "192.168.1.1");
-    EXPECT_EQ(para_need_save_conf(const_cast<char*>("netport")), 0); // not yet due
+    EXPECT_EQ(need_save("netport"), 0); // not yet due
 
     // Keys that would read back as something else are refused.
     test::LogCapture log;
@@ -125,9 +138,9 @@ TEST(ConfStore, SaveWritesWholeStoreThatLoadsBack)
     para_profile.conf_save = 1;
     para_conf_set_member("netport", "banner", " padded \"text\" ");
     para_conf_set_member("netport", "empty", "");
-    ASSERT_TRUE(test::wait_until([] { return para_need_save_conf(const_cast<char*>("netport")) == 1; }, 3000));
-    EXPECT_EQ(para_save_conf(const_cast<char*>("netport")), 0);
-    EXPECT_EQ(para_need_save_conf(const_cast<char*>("netport")), 0);
+    ASSERT_TRUE(becomes_due("netport"));
+    EXPECT_EQ(save("netport"), 0);
+    EXPECT_EQ(need_save("netport"), 0);
     EXPECT_FALSE(test::file_exists(dir.rw() + "/netport.conf.tmp"));
 
     configure* back = configure_init();
@@ -148,9 +161,9 @@ TEST(ConfStore, SavingSwitchedOffKeepsModuleDue)
     load(dir, {"netport"});
     para_profile.conf_save = 0;
     para_conf_set_member("netport", "port", "9000");
-    ASSERT_TRUE(test::wait_until([] { return para_need_save_conf(const_cast<char*>("netport")) == 1; }, 3000));
-    EXPECT_EQ(para_save_conf(const_cast<char*>("netport")), 0);
-    EXPECT_EQ(para_need_save_conf(const_cast<char*>("netport")), 1);
+    ASSERT_TRUE(becomes_due("netport"));
+    EXPECT_EQ(save("netport"), 0);
+    EXPECT_EQ(need_save("netport"), 1);
     EXPECT_EQ(*test::read_file(dir.rw() + "/netport.conf"), "port=8080\n");
 }
 
@@ -188,7 +201,7 @@ TEST(ConfStore, ReloadWithoutDefaultsUnloadsModule)
     std::remove((dir.ro() + "/netport.conf").c_str());
     EXPECT_EQ(para_need_update_netport(), -1);
     EXPECT_EQ(para_conf_get_member("netport", "ip"), nullptr);
-    EXPECT_EQ(para_save_conf(const_cast<char*>("netport")), -1);
+    EXPECT_EQ(save("netport"), -1);
     EXPECT_EQ(para_conf_set_member("netport", "ip", "1.2.3.4"), -1);
     EXPECT_STREQ(held, "192.168.1.10"); // a text handed out earlier stays readable
 
