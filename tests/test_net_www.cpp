@@ -4,6 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <map>
 #include <string>
 
@@ -44,6 +51,26 @@ const char* kMapping = R"({
   "alpha": {"rate": ["rate", "N", "K"], "shared": ["shared", "N", "Greedy"], "title": ["title", "S"]},
   "beta":  {"level": ["level", "N", "P"], "shared": ["shared", "N"]}
 })";
+
+struct ToolRun {
+    int status;
+    std::string out;
+};
+
+ToolRun paramctl(const std::string& args)
+{
+    ToolRun r{-1, ""};
+    FILE* p = popen((std::string(PARA_BINARY_DIR) + "/tools/paramctl " + args + " 2>&1").c_str(), "r");
+    if (!p)
+        return r;
+    char buf[1024];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
 
 class WebServer : public ::testing::Test {
 protected:
@@ -99,4 +126,53 @@ TEST_F(WebServer, ErrorsAndSilentRefusals)
     r = test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"cam","data":"level=1"})");
     ASSERT_TRUE(r);
     EXPECT_EQ(*r, "result=success");
+}
+
+TEST_F(WebServer, ParamctlSpeaksForTheWebServer)
+{
+    ToolRun w = paramctl("web set cam 'rate=1.25&title=back'");
+    EXPECT_EQ(w.status, 0) << w.out;
+    EXPECT_EQ(w.out, "result = success\n");
+    w = paramctl("web get cam");
+    EXPECT_EQ(w.status, 0) << w.out;
+    EXPECT_EQ(w.out, "rate = 1.2\ntitle = back\n");
+    w = paramctl("--json web get cam");
+    EXPECT_EQ(w.out, "rate=1.2&title=back\n");
+    w = paramctl("web get nopage");
+    EXPECT_EQ(w.status, 1);
+    EXPECT_EQ(w.out, "nopage = null\n");
+}
+
+// What a client process puts on the wire, caught where the server would be.
+TEST(ParamctlShare, SendsOneClientDatagram)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(PARA_SERVER_PORT);
+    a.sin_addr.s_addr = inet_addr("127.0.0.1");
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    auto next = [fd] {
+        pollfd p{fd, POLLIN, 0};
+        char buf[256];
+        ssize_t n = poll(&p, 1, 2000) == 1 ? recv(fd, buf, sizeof buf, 0) : -1;
+        return n < 0 ? std::string() : std::string(buf, static_cast<size_t>(n));
+    };
+
+    ToolRun r = paramctl("share isp skin_saturation 1 50");
+    EXPECT_EQ(r.status, 0) << r.out;
+    std::string want = std::string("\0\0\0\0\1\0\0\0\x32\0\0\0isp", 15) + std::string(13, '\0') +
+                       "skin_saturation" + std::string(33, '\0');
+    EXPECT_EQ(next(), want);
+
+    r = paramctl("share video profile 0 '\"high\"'");
+    EXPECT_EQ(r.status, 0) << r.out;
+    std::string text = next();
+    ASSERT_EQ(text.size(), 76u);
+    EXPECT_EQ(text[0], 1);
+    EXPECT_EQ(text.substr(44, 5), std::string("high\0", 5));
+
+    EXPECT_EQ(paramctl("share isp nosuch 0 1").status, 2);
+    EXPECT_EQ(paramctl("share isp gamma x 1").status, 2);
+    close(fd);
 }
