@@ -7,10 +7,8 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <map>
 #include <string>
 
@@ -52,24 +50,9 @@ const char* kMapping = R"({
   "beta":  {"level": ["level", "N", "P"], "shared": ["shared", "N"]}
 })";
 
-struct ToolRun {
-    int status;
-    std::string out;
-};
-
-ToolRun paramctl(const std::string& args)
+test::CommandResult paramctl(const std::string& args)
 {
-    ToolRun r{-1, ""};
-    FILE* p = popen((std::string(PARA_BINARY_DIR) + "/tools/paramctl " + args + " 2>&1").c_str(), "r");
-    if (!p)
-        return r;
-    char buf[1024];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+    return test::run_command(std::string(PARA_BINARY_DIR) + "/tools/paramctl " + args);
 }
 
 class WebServer : public ::testing::Test {
@@ -130,7 +113,7 @@ TEST_F(WebServer, ErrorsAndSilentRefusals)
 
 TEST_F(WebServer, ParamctlSpeaksForTheWebServer)
 {
-    ToolRun w = paramctl("web set cam 'rate=1.25&title=back'");
+    auto w = paramctl("web set cam 'rate=1.25&title=back'");
     EXPECT_EQ(w.status, 0) << w.out;
     EXPECT_EQ(w.out, "result = success\n");
     w = paramctl("web get cam");
@@ -159,7 +142,7 @@ TEST(ParamctlShare, SendsOneClientDatagram)
         return n < 0 ? std::string() : std::string(buf, static_cast<size_t>(n));
     };
 
-    ToolRun r = paramctl("share isp skin_saturation 1 50");
+    auto r = paramctl("share isp skin_saturation 1 50");
     EXPECT_EQ(r.status, 0) << r.out;
     std::string want = std::string("\0\0\0\0\1\0\0\0\x32\0\0\0isp", 15) + std::string(13, '\0') +
                        "skin_saturation" + std::string(33, '\0');
@@ -175,4 +158,36 @@ TEST(ParamctlShare, SendsOneClientDatagram)
     EXPECT_EQ(paramctl("share isp nosuch 0 1").status, 2);
     EXPECT_EQ(paramctl("share isp gamma x 1").status, 2);
     close(fd);
+}
+
+// The web server's view of stream 0: a page read and a page write.
+TEST(WebVideo, EncodePageReadAndWrite)
+{
+    test::TempDir dir;
+    test::write_file(dir.ro() + "/www2json.json",
+                     R"({"encode":["video0"],"video0":{"bitRate":["enc_bitrate","N","K"],"gop":["enc_gop","N"]}})");
+    test::write_file(dir.ro() + "/video_range.json", R"({"video0":{"bitRate":[100,20000],"gop":[1,200]}})");
+    test::write_file(dir.ro() + "/video_def.json", R"({"video0":{"bitRate":4500,"gop":60}})");
+    dir.use_as_profile();
+    platformparam_init();
+
+    auto r = test::udp_request(R"({"msg_from":"www","msg_type":"get","msg_name":"encode"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "enc_bitrate=4.5&enc_gop=60");
+
+    r = test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"encode","data":"enc_bitrate=6&enc_gop=30"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "result=success");
+    EXPECT_EQ(para_video_cur[0].bitRate, 6000);
+    EXPECT_EQ(para_video_cur[0].gop, 30);
+
+    // Out of range: still answered with success, nothing stored.
+    r = test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"encode","data":"enc_bitrate=25"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "result=success");
+    EXPECT_EQ(para_video_cur[0].bitRate, 6000);
+    r = test::udp_request(R"({"msg_from":"www","msg_type":"get","msg_name":"encode"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "enc_bitrate=6&enc_gop=30");
+    platformparam_stop(1);
 }

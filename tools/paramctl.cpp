@@ -116,13 +116,20 @@ int show_reply(const Options& o, const std::string& reply)
     return status;
 }
 
-int send_and_show(const Options& o, cJSON* request)
+// Sends the request (released here) and waits for the reply; as exchange.
+int exchange_json(const Options& o, cJSON* request, std::string* reply)
 {
     char* text = cJSON_PrintUnformatted(request);
     cJSON_Delete(request);
-    std::string reply;
-    int r = exchange(o, text, &reply);
+    int r = exchange(o, text, reply);
     free(text);
+    return r;
+}
+
+int send_and_show(const Options& o, cJSON* request)
+{
+    std::string reply;
+    int r = exchange_json(o, request, &reply);
     return r ? r : show_reply(o, reply);
 }
 
@@ -267,11 +274,8 @@ int cmd_web(const Options& o, int argc, char** argv)
     cJSON_AddStringToObject(req, "msg_name", argv[1]);
     if (set)
         cJSON_AddStringToObject(req, "data", argv[2]);
-    char* text = cJSON_PrintUnformatted(req);
-    cJSON_Delete(req);
     std::string reply;
-    int r = exchange(o, text, &reply);
-    free(text);
+    int r = exchange_json(o, req, &reply);
     return r ? r : show_form(o, reply);
 }
 
@@ -287,23 +291,12 @@ struct ShareRow {
 const ShareRow kShareRows[] = {PARA_SHARE_MEMBERS(PARAMCTL_SHARE_ROW)};
 #undef PARAMCTL_SHARE_ROW
 
-bool whole_int(const char* v, int* out)
-{
-    char* end = nullptr;
-    errno = 0;
-    long n = strtol(v, &end, 10);
-    if (!*v || *end || errno || n < INT32_MIN || n > INT32_MAX)
-        return false;
-    *out = static_cast<int>(n);
-    return true;
-}
-
 int cmd_share(const Options& o, int argc, char** argv)
 {
     if (argc != 4)
         return fail("share: MODULE MEMBER CHN VALUE wanted (try: paramctl help share)");
     if (o.host != "127.0.0.1" || o.port != PARA_SERVER_PORT)
-        return fail("share: client datagrams always go to 127.0.0.1:6800; --host/--port do not apply%s");
+        return fail("share: client datagrams always go to 127.0.0.1:6800; --host/--port do not apply");
     const ShareRow* row = nullptr;
     for (const ShareRow& r : kShareRows)
         if (strcmp(r.mod, argv[0]) == 0 && strcmp(r.member, argv[1]) == 0)
@@ -314,22 +307,25 @@ int cmd_share(const Options& o, int argc, char** argv)
             fprintf(stderr, "  %s %s\n", r.mod, r.member);
         return 2;
     }
-    int chn = 0;
-    if (!whole_int(argv[2], &chn))
+    cJSON* chn = value_item(argv[2]);
+    cJSON* value = value_item(argv[3]);
+    const bool chn_ok = cJSON_IsNumber(chn);
+    const int channel = chn->valueint;
+    cJSON_Delete(chn);
+    if (!chn_ok) {
+        cJSON_Delete(value);
         return fail("share: CHN must be an integer, got '%s'", argv[2]);
-    Send_Initial();
-    int num = 0;
-    const char* v = argv[3];
-    size_t n = strlen(v);
-    if (whole_int(v, &num)) {
-        row->number(chn, num);
-    } else {
-        std::string textv = n >= 2 && v[0] == '"' && v[n - 1] == '"' ? std::string(v + 1, n - 2) : std::string(v);
-        if (textv.size() > sizeof(st_data::string))
-            fprintf(stderr, "paramctl: share: text cut to %zu bytes\n", sizeof(st_data::string));
-        row->text(chn, textv.c_str());
     }
-    printf("sent %s.%s chn %d = %s\n", row->mod, row->member, chn, v);
+    Send_Initial();
+    if (cJSON_IsNumber(value)) {
+        row->number(channel, value->valueint);
+    } else {
+        if (strlen(value->valuestring) > sizeof(st_data::string))
+            fprintf(stderr, "paramctl: share: text cut to %zu bytes\n", sizeof(st_data::string));
+        row->text(channel, value->valuestring);
+    }
+    cJSON_Delete(value);
+    printf("sent %s.%s chn %d = %s\n", row->mod, row->member, channel, argv[3]);
     return 0;
 }
 
