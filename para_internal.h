@@ -15,9 +15,17 @@
  * test is repeated here so disabled lines cost no formatting. */
 #define PARA_LOG(level, fmt, ...)                                                      \
     do {                                                                               \
-        if (dbgout_profile.para_level >= (level))                                      \
+        if (para::log_level() >= (level))                                              \
             dov_traceout((level), "[para %s +%-4d]" fmt, __func__, __LINE__, ##__VA_ARGS__); \
     } while (0)
+
+namespace para {
+/* The host may change the level while the worker logs: read it whole. */
+inline int log_level()
+{
+    return __atomic_load_n(&dbgout_profile.para_level, __ATOMIC_RELAXED);
+}
+} // namespace para
 
 #define PARA_ERR 3
 #define PARA_INFO 6
