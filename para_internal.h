@@ -56,8 +56,10 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
 JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail = "");
 
 /* Formatted print + one NUL byte, written with "wb". Returns the fflush
- * result (0 ok), or 0 without writing when the file cannot be opened. */
-int write_json_file(const char* path, const cJSON* json);
+ * result (0 ok), or 0 without writing when the file cannot be opened.
+ * Failures are logged; *stored, when given, tells whether the whole text
+ * reached the file. */
+int write_json_file(const char* path, const cJSON* json, bool* stored = nullptr);
 
 /* Integer value of any item: numbers saturate at the int limits, true is 1,
  * everything else 0. */
