@@ -235,6 +235,8 @@ protected:
             << "the saved file does not load back";
     }
 
+    std::string fail_first_save(const std::string& rw, const char* place);
+
     test::TempDir dir;
 };
 
@@ -286,58 +288,49 @@ TEST_P(Faults, CurrentFileCutAtEveryByte)
     }
 }
 
-/* The read-write directory does not exist (storage not mounted yet): the
- * save fails with a log line, the values stay, the save stays pending, and
- * once the directory is there the next save writes them. */
-TEST_P(Faults, MissingDirectoryKeepsValuesUntilItCanSave)
+/* Loads with the read-write directory rw, which cannot take files, and
+ * accepts changes: the save fails with a log line naming the place, the
+ * values stay and the save stays pending. Returns the values. */
+std::string Faults::fail_first_save(const std::string& rw, const char* place)
 {
-    std::string rw = dir.path() + "/late";
     para_profile.param_rwfile_dir = const_cast<char*>(rw.c_str());
     m().load();
     m().change(0);
     std::string state = m().state();
-
     test::LogCapture log(PARA_ERR);
     m().save();
-    EXPECT_TRUE(log.contains("late")) << log.dump();
+    EXPECT_GT(log.count(place), 0) << log.dump();
     EXPECT_EQ(m().state(), state);
-
-    ASSERT_EQ(mkdir(rw.c_str(), 0755), 0);
-    ASSERT_TRUE(test::wait_until([&] { return m().need_save() == 1; }, 3000))
+    EXPECT_TRUE(test::wait_until([&] { return m().need_save() == 1; }, 3000))
         << "the failed save is not tried again";
+    return state;
+}
+
+/* The read-write directory does not exist yet (storage not mounted): once
+ * it is there the next save writes the values. */
+TEST_P(Faults, MissingDirectoryKeepsValuesUntilItCanSave)
+{
+    std::string rw = dir.path() + "/late";
+    std::string state = fail_first_save(rw, "late");
+    ASSERT_EQ(mkdir(rw.c_str(), 0755), 0);
     m().save();
     EXPECT_EQ(m().need_save(), 0);
-    auto text = test::read_file(path_of(rw, m().cur_file));
-    ASSERT_TRUE(text) << log.dump();
-    EXPECT_EQ(fresh_load(m()),
-              state);
+    EXPECT_EQ(fresh_load(m()), state);
 }
 
 /* A read-write "directory" below a regular file: every open fails, even for
- * root. Same promise as a missing directory. */
+ * root. */
 TEST_P(Faults, DirectoryBelowAFileKeepsValues)
 {
     std::string blocker = dir.path() + "/blocker";
     test::write_file(blocker, "x");
-    std::string rw = blocker + "/rw";
-    para_profile.param_rwfile_dir = const_cast<char*>(rw.c_str());
-    m().load();
-    m().change(0);
-    std::string state = m().state();
-
-    test::LogCapture log(PARA_ERR);
-    m().save();
-    EXPECT_GT(log.count("blocker"), 0) << log.dump();
-    EXPECT_EQ(m().state(), state);
-    EXPECT_TRUE(test::wait_until([&] { return m().need_save() == 1; }, 3000));
-
+    std::string rw = blocker + "/rw"; // the profile keeps pointing at it
+    std::string state = fail_first_save(rw, "blocker");
     ASSERT_EQ(unlink(blocker.c_str()), 0);
     ASSERT_EQ(mkdir(blocker.c_str(), 0755), 0);
     ASSERT_EQ(mkdir(rw.c_str(), 0755), 0);
     m().save();
-    EXPECT_TRUE(test::file_exists(path_of(rw, m().cur_file)));
-    EXPECT_EQ(fresh_load(m()),
-              state);
+    EXPECT_EQ(fresh_load(m()), state);
 }
 
 /* The disk fills up while the file is rewritten: the save reports the
@@ -364,14 +357,11 @@ TEST_P(Faults, FullDiskKeepsValuesAndRetries)
     EXPECT_NE(r, 0);
     EXPECT_TRUE(log.contains("File too large")) << log.dump();
     EXPECT_EQ(m().state(), state);
-    EXPECT_EQ(fresh_load(m()),
-              default_state)
-        << "a cut file must not load";
+    EXPECT_EQ(fresh_load(m()), default_state) << "a cut file must not load";
 
     ASSERT_TRUE(test::wait_until([&] { return m().need_save() == 1; }, 3000));
     EXPECT_EQ(m().save(), 0);
-    EXPECT_EQ(fresh_load(m()),
-              state);
+    EXPECT_EQ(fresh_load(m()), state);
 }
 
 /* The whole library: the sweep of the running worker notices the failed
