@@ -268,16 +268,113 @@ PARA_API int para_save_isp(char* parse_name);
 /* ======================== END isp ======================================= */
 
 /* ======================== BEGIN audio / af ============================== */
+/* Audio members, X(member, kind, name table) as for video. */
+#define PARA_AUDIO_MEMBERS(X)          \
+    X(audioEnable, num, null_stream)   \
+    X(aeFormat, named, aeFormat)       \
+    X(adtsFlag, num, null_stream)      \
+    X(sampleRate, num, null_stream)    \
+    X(streamRate, num, null_stream)    \
+    X(audioInput, named, audioInput)   \
+    X(volLeftIn, num, null_stream)     \
+    X(volRightIn, num, null_stream)    \
+    X(audioInputVol, num, null_stream) \
+    X(audioOut, named, audioOut)       \
+    X(audioOutVol, num, null_stream)   \
+    X(mute, num, null_stream)          \
+    X(denoise, num, null_stream)       \
+    X(agcEnable, num, null_stream)
+
+typedef struct dov_audio_param_s {
+    PARA_AUDIO_MEMBERS(PARA_TYPED_FIELD)
+} dov_audio_param_s;
+
+PARA_API extern dov_audio_param_s para_audio_min;
+PARA_API extern dov_audio_param_s para_audio_max;
+PARA_API extern dov_audio_param_s para_audio_def;
+PARA_API extern dov_audio_param_s para_audio_cur;
+PARA_API extern dov_audio_param_s para_audio_init;
+PARA_API extern dov_audio_param_s para_audio_exist;
+PARA_API extern struct timespec audio_item_start_time;
+
+PARA_API extern const char* const aeFormat[2];
+PARA_API extern const char* const audioInput[2];
+PARA_API extern const char* const audioOut[2];
+
+#define PARA_AUDIO_DECL(M, kind, table)                      \
+    PARA_API int para_get_audio_##M##_min(void);             \
+    PARA_API int para_get_audio_##M##_max(void);             \
+    PARA_API int para_get_audio_##M##_def(void);             \
+    PARA_API int para_get_audio_##M##_init(void);            \
+    PARA_API int para_get_audio_##M##_cur(void);             \
+    PARA_API int _para_set_audio_##M##_cur(int val);         \
+    PARA_API int para_set_audio_##M##_cur(int val);          \
+    PARA_API int para_get_audio_##M##_num(char* str);        \
+    PARA_API int get_range_param_##M(cJSON* json);           \
+    PARA_API int get_def_param_##M(cJSON* json);             \
+    PARA_API int get_cur_param_##M(cJSON* json);             \
+    PARA_TYPED_IF_NAMED(kind, PARA_API const char* para_get_audio_##M##_str(int index);)
+PARA_AUDIO_MEMBERS(PARA_AUDIO_DECL)
+
 PARA_API int para_init_audio(char* parse_name);
 PARA_API int para_set_audio_opt(char* req_name, void* jsonIn, char* parse_name);
 PARA_API int para_get_audio_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
 PARA_API int para_need_save_audio(char* parse_name);
 PARA_API int para_save_audio(char* parse_name);
 PARA_API void para_set_audio_save_param_time(int ms);
+PARA_API int save_cur_audio_param_delay(int msec);
+PARA_API void _parse_audio_range_json(cJSON* json);
+PARA_API void _parse_audio_def_json(cJSON* json);
+PARA_API void _parse_audio_cur_json(cJSON* json);
+PARA_API int para_get_audio_member_json(char* memberName, int* val, char** valString);
+PARA_API int para_set_audio_member_json(char* memberName, int val, char* valString);
+PARA_API void audio_page(void);
+
+/* Focus and zoom: plain numbers, X(member). struct_ver is not a member and
+ * stays 0. */
+#define PARA_AF_MEMBERS(X) \
+    X(focus_mode)          \
+    X(focus_zone)          \
+    X(focus_sens)          \
+    X(focus_value)         \
+    X(focus_lock)          \
+    X(zoom_value)
+#define PARA_AF_FIELD(M) int32_t M;
+
+typedef struct dov_af_param_s {
+    int32_t struct_ver;
+    PARA_AF_MEMBERS(PARA_AF_FIELD)
+} dov_af_param_s;
+
+PARA_API extern dov_af_param_s para_af_min;
+PARA_API extern dov_af_param_s para_af_max;
+PARA_API extern dov_af_param_s para_af_def;
+PARA_API extern dov_af_param_s para_af_cur;
+PARA_API extern dov_af_param_s para_af_init;
+PARA_API extern dov_af_param_s para_af_exist;
+PARA_API extern struct timespec af_item_start_time;
+
+#define PARA_AF_DECL(M)                              \
+    PARA_API int para_get_af_##M##_min(void);        \
+    PARA_API int para_get_af_##M##_max(void);        \
+    PARA_API int para_get_af_##M##_init(void);       \
+    PARA_API int para_get_af_##M##_cur(void);        \
+    PARA_API int para_get_af_##M##_def(void);        \
+    PARA_API int para_set_af_##M##_cur(int value);   \
+    PARA_API int get_range_param_##M(cJSON* json);   \
+    PARA_API int get_def_param_##M(cJSON* json);     \
+    PARA_API int get_cur_param_##M(cJSON* json);
+PARA_AF_MEMBERS(PARA_AF_DECL)
+
 PARA_API int para_init_af(char* parse_name);
 PARA_API int para_get_af_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
 PARA_API int para_need_save_af(char* parse_name);
 PARA_API int para_save_af(char* parse_name);
+PARA_API void _parse_af_range_json(cJSON* json);
+PARA_API void _parse_af_def_json(cJSON* json);
+PARA_API void _parse_af_cur_json(cJSON* json);
+PARA_API int para_get_af_member_json(char* memberName, int* val, char** valString);
+PARA_API void af_page(void);
 /* ======================== END audio / af ================================ */
 
 /* ======================== BEGIN www / client ============================ */

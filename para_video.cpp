@@ -134,20 +134,11 @@ int stream_of_key(const char* key, int limit)
 
 /* ---- per-member families ------------------------------------------------ */
 
-#define PARA_VIDEO_DEFINE(M, kind, table)                                                   \
-    int para_get_video_##M##_min(int s) { return typed::get(video, kV_##M, typed::kMin, s); } \
-    int para_get_video_##M##_max(int s) { return typed::get(video, kV_##M, typed::kMax, s); } \
-    int para_get_video_##M##_def(int s) { return typed::get(video, kV_##M, typed::kDef, s); } \
-    int para_get_video_##M##_init(int s) { return typed::get(video, kV_##M, typed::kInit, s); } \
-    int para_get_video_##M##_cur(int s) { return typed::get(video, kV_##M, typed::kCur, s); } \
-    int _para_set_video_##M##_cur(int s, int v) { return typed::set_internal(video, kV_##M, s, v); } \
-    int para_set_video_##M##_cur(int s, int v) { return typed::set_public(video, kV_##M, s, v); } \
-    int para_get_video_##M##_num(char* str) { return typed::lookup_num(video_members[kV_##M], str); } \
-    int get_range_param_##M(cJSON* j) { return typed::load_member(video, kV_##M, typed::kRange, j); } \
-    int get_def_param_##M(cJSON* j) { return typed::load_member(video, kV_##M, typed::kDefault, j); } \
-    int get_cur_param_##M(cJSON* j) { return typed::load_member(video, kV_##M, typed::kCurrent, j); } \
-    PARA_TYPED_IF_NAMED(kind,                                                                \
-        const char* para_get_video_##M##_str(int i) { return typed::name_of(video_members[kV_##M], i); } \
+#define PARA_VIDEO_DEFINE(M, kind, table)                                 \
+    PARA_TYPED_GETTERS(video, video, M, kV_##M, int s, s)                 \
+    PARA_TYPED_SETTERS(video, video, M, kV_##M, PARA_TYPED_STREAM_ARG, s) \
+    PARA_TYPED_LOADERS(video, M, kV_##M)                                  \
+    PARA_TYPED_IF_NAMED(kind, PARA_TYPED_NAME_OF(video, video, M, kV_##M)  \
         int para_set_video_##M##_cur_bystr(int s, char* str) { return typed::set_by_exact_name(video, kV_##M, s, str); })
 
 PARA_VIDEO_MEMBERS(PARA_VIDEO_DEFINE)
