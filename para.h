@@ -197,12 +197,15 @@ typedef struct dov_video_param_s {
     PARA_VIDEO_MEMBERS(PARA_TYPED_FIELD)
 } dov_video_param_s;
 
-PARA_API extern dov_video_param_s para_video_min[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_max[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_def[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_cur[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_init[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_exist[PARA_VIDEO_STREAMS];
+/* The parameter set: range, default, current, start-up copy, exist words. */
+#define PARA_TYPED_DECL_SET(type, prefix, dims) \
+    PARA_API extern type prefix##_min dims;     \
+    PARA_API extern type prefix##_max dims;     \
+    PARA_API extern type prefix##_def dims;     \
+    PARA_API extern type prefix##_cur dims;     \
+    PARA_API extern type prefix##_init dims;    \
+    PARA_API extern type prefix##_exist dims;
+PARA_TYPED_DECL_SET(dov_video_param_s, para_video, [PARA_VIDEO_STREAMS])
 PARA_API extern int g_num_stream;
 PARA_API extern struct timespec video_item_start_time;
 
@@ -222,18 +225,26 @@ typedef struct image_size_s {
 } image_size_s;
 PARA_API extern const image_size_s size_name[43];
 
-#define PARA_VIDEO_DECL(M, kind, table)                                        \
-    PARA_API int para_get_video_##M##_min(int stream);                         \
-    PARA_API int para_get_video_##M##_max(int stream);                         \
-    PARA_API int para_get_video_##M##_def(int stream);                         \
-    PARA_API int para_get_video_##M##_init(int stream);                        \
-    PARA_API int para_get_video_##M##_cur(int stream);                         \
-    PARA_API int _para_set_video_##M##_cur(int stream, int val);               \
-    PARA_API int para_set_video_##M##_cur(int stream, int val);                \
-    PARA_API int para_get_video_##M##_num(char* str);                          \
-    PARA_API int get_range_param_##M(cJSON* json);                             \
-    PARA_API int get_def_param_##M(cJSON* json);                               \
-    PARA_API int get_cur_param_##M(cJSON* json);                               \
+/* Declarations shared by the typed modules: GP getter parameters ("int
+ * stream" or "void"), SP what comes before a setter's value. */
+#define PARA_TYPED_STREAM_PARAM int stream,
+#define PARA_TYPED_DECL_GETTERS(tag, M, GP)                \
+    PARA_API int para_get_##tag##_##M##_min(GP);          \
+    PARA_API int para_get_##tag##_##M##_max(GP);          \
+    PARA_API int para_get_##tag##_##M##_def(GP);          \
+    PARA_API int para_get_##tag##_##M##_init(GP);         \
+    PARA_API int para_get_##tag##_##M##_cur(GP);          \
+    PARA_API int get_range_param_##M(cJSON* json);        \
+    PARA_API int get_def_param_##M(cJSON* json);          \
+    PARA_API int get_cur_param_##M(cJSON* json);
+#define PARA_TYPED_DECL_SETTERS(tag, M, SP)               \
+    PARA_API int _para_set_##tag##_##M##_cur(SP int val); \
+    PARA_API int para_set_##tag##_##M##_cur(SP int val);  \
+    PARA_API int para_get_##tag##_##M##_num(char* str);
+
+#define PARA_VIDEO_DECL(M, kind, table)                                \
+    PARA_TYPED_DECL_GETTERS(video, M, int stream)                      \
+    PARA_TYPED_DECL_SETTERS(video, M, PARA_TYPED_STREAM_PARAM)         \
     PARA_TYPED_IF_NAMED(kind, PARA_API const char* para_get_video_##M##_str(int index); \
                         PARA_API int para_set_video_##M##_cur_bystr(int index, char* str);)
 PARA_VIDEO_MEMBERS(PARA_VIDEO_DECL)
@@ -289,30 +300,16 @@ typedef struct dov_audio_param_s {
     PARA_AUDIO_MEMBERS(PARA_TYPED_FIELD)
 } dov_audio_param_s;
 
-PARA_API extern dov_audio_param_s para_audio_min;
-PARA_API extern dov_audio_param_s para_audio_max;
-PARA_API extern dov_audio_param_s para_audio_def;
-PARA_API extern dov_audio_param_s para_audio_cur;
-PARA_API extern dov_audio_param_s para_audio_init;
-PARA_API extern dov_audio_param_s para_audio_exist;
+PARA_TYPED_DECL_SET(dov_audio_param_s, para_audio, )
 PARA_API extern struct timespec audio_item_start_time;
 
 PARA_API extern const char* const aeFormat[2];
 PARA_API extern const char* const audioInput[2];
 PARA_API extern const char* const audioOut[2];
 
-#define PARA_AUDIO_DECL(M, kind, table)                      \
-    PARA_API int para_get_audio_##M##_min(void);             \
-    PARA_API int para_get_audio_##M##_max(void);             \
-    PARA_API int para_get_audio_##M##_def(void);             \
-    PARA_API int para_get_audio_##M##_init(void);            \
-    PARA_API int para_get_audio_##M##_cur(void);             \
-    PARA_API int _para_set_audio_##M##_cur(int val);         \
-    PARA_API int para_set_audio_##M##_cur(int val);          \
-    PARA_API int para_get_audio_##M##_num(char* str);        \
-    PARA_API int get_range_param_##M(cJSON* json);           \
-    PARA_API int get_def_param_##M(cJSON* json);             \
-    PARA_API int get_cur_param_##M(cJSON* json);             \
+#define PARA_AUDIO_DECL(M, kind, table)          \
+    PARA_TYPED_DECL_GETTERS(audio, M, void)      \
+    PARA_TYPED_DECL_SETTERS(audio, M, )          \
     PARA_TYPED_IF_NAMED(kind, PARA_API const char* para_get_audio_##M##_str(int index);)
 PARA_AUDIO_MEMBERS(PARA_AUDIO_DECL)
 
@@ -346,24 +343,12 @@ typedef struct dov_af_param_s {
     PARA_AF_MEMBERS(PARA_AF_FIELD)
 } dov_af_param_s;
 
-PARA_API extern dov_af_param_s para_af_min;
-PARA_API extern dov_af_param_s para_af_max;
-PARA_API extern dov_af_param_s para_af_def;
-PARA_API extern dov_af_param_s para_af_cur;
-PARA_API extern dov_af_param_s para_af_init;
-PARA_API extern dov_af_param_s para_af_exist;
+PARA_TYPED_DECL_SET(dov_af_param_s, para_af, )
 PARA_API extern struct timespec af_item_start_time;
 
-#define PARA_AF_DECL(M)                              \
-    PARA_API int para_get_af_##M##_min(void);        \
-    PARA_API int para_get_af_##M##_max(void);        \
-    PARA_API int para_get_af_##M##_init(void);       \
-    PARA_API int para_get_af_##M##_cur(void);        \
-    PARA_API int para_get_af_##M##_def(void);        \
-    PARA_API int para_set_af_##M##_cur(int value);   \
-    PARA_API int get_range_param_##M(cJSON* json);   \
-    PARA_API int get_def_param_##M(cJSON* json);     \
-    PARA_API int get_cur_param_##M(cJSON* json);
+#define PARA_AF_DECL(M)                 \
+    PARA_TYPED_DECL_GETTERS(af, M, void) \
+    PARA_API int para_set_af_##M##_cur(int value);
 PARA_AF_MEMBERS(PARA_AF_DECL)
 
 PARA_API int para_init_af(char* parse_name);

@@ -18,14 +18,9 @@ para::ChangeState af_change;
 std::mutex af_mu;
 int af_records = 1;
 
-enum AfMember {
-#define PARA_AF_INDEX(M) kF_##M,
-    PARA_AF_MEMBERS(PARA_AF_INDEX)
-#undef PARA_AF_INDEX
-        kAfMembers
-};
+enum Index { PARA_AF_MEMBERS(PARA_TYPED_INDEX) kMembers };
 
-const typed::Member af_members[kAfMembers] = {
+const typed::Member af_members[kMembers] = {
 #define PARA_AF_ROW(M) PARA_TYPED_ROW_N(dov_af_param_s, M, nullptr, 0, false, para_set_af_##M##_cur),
     PARA_AF_MEMBERS(PARA_AF_ROW)
 #undef PARA_AF_ROW
@@ -40,11 +35,9 @@ void notify_af(void* setter, int, int value)
 const typed::Module af = {
     "----------AF PARAM-----------\n\n",
     af_members,
-    kAfMembers,
+    kMembers,
     nullptr,
-    {reinterpret_cast<int32_t*>(&para_af_min), reinterpret_cast<int32_t*>(&para_af_max),
-     reinterpret_cast<int32_t*>(&para_af_def), reinterpret_cast<int32_t*>(&para_af_cur),
-     reinterpret_cast<int32_t*>(&para_af_init), reinterpret_cast<int32_t*>(&para_af_exist)},
+    PARA_TYPED_RECORDS(para_af),
     sizeof(dov_af_param_s) / sizeof(int32_t),
     1,
     &af_records,
@@ -64,27 +57,14 @@ const typed::Module af = {
 } // namespace
 
 #define PARA_AF_DEFINE(M)                                   \
-    PARA_TYPED_GETTERS(af, af, M, kF_##M, void, 0)          \
-    PARA_TYPED_LOADERS(af, M, kF_##M)                       \
-    int para_set_af_##M##_cur(int v) { return typed::set_public(af, kF_##M, 0, v); }
+    PARA_TYPED_GETTERS(af, af, M, k_##M, void, 0)          \
+    PARA_TYPED_LOADERS(af, M, k_##M)                       \
+    int para_set_af_##M##_cur(int v) { return typed::set_public(af, k_##M, 0, v); }
 
 PARA_AF_MEMBERS(PARA_AF_DEFINE)
 #undef PARA_AF_DEFINE
 
-void _parse_af_range_json(cJSON* json)
-{
-    typed::load_all(af, typed::kRange, json);
-}
-
-void _parse_af_def_json(cJSON* json)
-{
-    typed::load_all(af, typed::kDefault, json);
-}
-
-void _parse_af_cur_json(cJSON* json)
-{
-    typed::load_all(af, typed::kCurrent, json);
-}
+PARA_TYPED_MODULE_OPS(af, af)
 
 int para_init_af(char*)
 {
@@ -111,19 +91,4 @@ int para_get_af_opt(char*, void* jsonIn, void** jsonOut, char*)
     }
     typed::get_request(af, item, 0, jsonOut, PARA_INFO);
     return 0;
-}
-
-int para_need_save_af(char*)
-{
-    return typed::need_save(af);
-}
-
-int para_save_af(char*)
-{
-    return typed::save(af);
-}
-
-void af_page(void)
-{
-    typed::dump(af);
 }

@@ -22,14 +22,9 @@ std::atomic<int> audio_save_param_time{2000};
 std::mutex audio_mu;
 int audio_records = 1;
 
-enum AudioMember {
-#define PARA_AUDIO_INDEX(M, kind, table) kA_##M,
-    PARA_AUDIO_MEMBERS(PARA_AUDIO_INDEX)
-#undef PARA_AUDIO_INDEX
-        kAudioMembers
-};
+enum Index { PARA_AUDIO_MEMBERS(PARA_TYPED_INDEX) kMembers };
 
-const typed::Member audio_members[kAudioMembers] = {
+const typed::Member audio_members[kMembers] = {
 #define PARA_AUDIO_ROW(M, kind, table) \
     PARA_TYPED_ROW(dov_audio_param_s, M, kind, table, para_set_audio_##M##_cur),
     PARA_AUDIO_MEMBERS(PARA_AUDIO_ROW)
@@ -38,10 +33,10 @@ const typed::Member audio_members[kAudioMembers] = {
 
 /* The saved file and "all" replies keep the order the device has always
  * written, which is not the record order. */
-const int audio_order[kAudioMembers] = {
-    kA_audioEnable, kA_adtsFlag,     kA_aeFormat,    kA_sampleRate, kA_streamRate,
-    kA_audioInput,  kA_volLeftIn,    kA_volRightIn,  kA_audioOut,   kA_audioInputVol,
-    kA_audioOutVol, kA_mute,         kA_denoise,     kA_agcEnable,
+const int audio_order[kMembers] = {
+    k_audioEnable, k_adtsFlag,     k_aeFormat,    k_sampleRate, k_streamRate,
+    k_audioInput,  k_volLeftIn,    k_volRightIn,  k_audioOut,   k_audioInputVol,
+    k_audioOutVol, k_mute,         k_denoise,     k_agcEnable,
 };
 
 void notify_audio(void* setter, int, int value)
@@ -53,11 +48,9 @@ void notify_audio(void* setter, int, int value)
 const typed::Module audio = {
     "----------AUDIO PARAM-----------\n\n",
     audio_members,
-    kAudioMembers,
+    kMembers,
     audio_order,
-    {reinterpret_cast<int32_t*>(&para_audio_min), reinterpret_cast<int32_t*>(&para_audio_max),
-     reinterpret_cast<int32_t*>(&para_audio_def), reinterpret_cast<int32_t*>(&para_audio_cur),
-     reinterpret_cast<int32_t*>(&para_audio_init), reinterpret_cast<int32_t*>(&para_audio_exist)},
+    PARA_TYPED_RECORDS(para_audio),
     sizeof(dov_audio_param_s) / sizeof(int32_t),
     1,
     &audio_records,
@@ -77,28 +70,16 @@ const typed::Module audio = {
 } // namespace
 
 #define PARA_AUDIO_DEFINE(M, kind, table)                 \
-    PARA_TYPED_GETTERS(audio, audio, M, kA_##M, void, 0)  \
-    PARA_TYPED_SETTERS(audio, audio, M, kA_##M, , 0)      \
-    PARA_TYPED_LOADERS(audio, M, kA_##M)                  \
-    PARA_TYPED_IF_NAMED(kind, PARA_TYPED_NAME_OF(audio, audio, M, kA_##M))
+    PARA_TYPED_GETTERS(audio, audio, M, k_##M, void, 0)  \
+    PARA_TYPED_SETTERS(audio, audio, M, k_##M, , 0)      \
+    PARA_TYPED_LOADERS(audio, M, k_##M)                  \
+    PARA_TYPED_IF_NAMED(kind, PARA_TYPED_NAME_OF(audio, audio, M, k_##M))
 
 PARA_AUDIO_MEMBERS(PARA_AUDIO_DEFINE)
 #undef PARA_AUDIO_DEFINE
 
-void _parse_audio_range_json(cJSON* json)
-{
-    typed::load_all(audio, typed::kRange, json);
-}
-
-void _parse_audio_def_json(cJSON* json)
-{
-    typed::load_all(audio, typed::kDefault, json);
-}
-
-void _parse_audio_cur_json(cJSON* json)
-{
-    typed::load_all(audio, typed::kCurrent, json);
-}
+PARA_TYPED_MODULE_OPS(audio, audio)
+PARA_TYPED_DELAY_OPS(audio, audio, audio_save_param_time)
 
 int para_init_audio(char*)
 {
@@ -130,29 +111,4 @@ int para_set_audio_opt(char*, void* jsonIn, char*)
     PARA_LOG(PARA_INFO, "inter\n");
     typed::set_request(audio, static_cast<cJSON*>(jsonIn), 0);
     return 0;
-}
-
-int para_need_save_audio(char*)
-{
-    return typed::need_save(audio);
-}
-
-int para_save_audio(char*)
-{
-    return typed::save(audio);
-}
-
-int save_cur_audio_param_delay(int msec)
-{
-    return typed::save_delay(audio, msec);
-}
-
-void para_set_audio_save_param_time(int ms)
-{
-    audio_save_param_time.store(ms);
-}
-
-void audio_page(void)
-{
-    typed::dump(audio);
 }

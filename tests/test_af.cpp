@@ -1,6 +1,7 @@
 // Focus/zoom module: plain numbers, setter without existence test, get-only
 // requests under the key "af", fixed save delay.
 #include "support.h"
+#include "typed_support.h"
 
 #include <gtest/gtest.h>
 
@@ -28,21 +29,7 @@ protected:
         test::write_file(dir.rw() + "/af_cur.json",
                          R"({"focus_mode": 1, "focus_value": 240, "zoom_value": 30, "struct_ver": 6})");
     }
-    static std::string get(const char* request)
-    {
-        cJSON* msg = cJSON_Parse(request);
-        void* out = nullptr;
-        EXPECT_EQ(para_get_af_opt(nullptr, msg->child, &out, nullptr), 0);
-        std::string text;
-        if (out) {
-            char* p = cJSON_PrintUnformatted(static_cast<cJSON*>(out));
-            text = p;
-            free(p);
-            cJSON_Delete(static_cast<cJSON*>(out));
-        }
-        cJSON_Delete(msg);
-        return text;
-    }
+    static std::string get(const char* request) { return typed_test::get(para_get_af_opt, request); }
 
     test::TempDir dir;
 };
@@ -82,11 +69,7 @@ TEST_F(Af, SetterAndGetRequests)
     EXPECT_EQ(get(R"({"a": ["zoom_value", "focus_zone", "struct_ver", 1]})"), R"({"zoom_value":30})");
     EXPECT_EQ(get(R"({"afx": ["all"]})"), "");
     EXPECT_EQ(get(R"({"af": {"zoom_value": 1}})"), "");
-    void* out = nullptr;
-    cJSON* whole = cJSON_Parse(R"({"msg_type": "post", "msg_name": "af"})");
-    EXPECT_EQ(para_get_af_opt(nullptr, whole, &out, nullptr), 0);
-    EXPECT_EQ(out, nullptr);
-    cJSON_Delete(whole);
+    EXPECT_FALSE(typed_test::answers_whole_message(para_get_af_opt, R"({"msg_type": "post", "msg_name": "af"})"));
 
     EXPECT_EQ(para_set_af_zoom_value_cur(301), 0);
     EXPECT_EQ(para_set_af_zoom_value_cur(30), 0);

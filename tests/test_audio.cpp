@@ -1,6 +1,7 @@
 // Audio module: loading, member access by function and by name, requests,
 // saved key order and the settable save delay.
 #include "support.h"
+#include "typed_support.h"
 
 #include <gtest/gtest.h>
 
@@ -22,9 +23,7 @@ void on_member(void* setter, int value)
 
 void on_page(void* json)
 {
-    char* p = cJSON_PrintUnformatted(static_cast<cJSON*>(json));
-    page_calls.emplace_back(p);
-    free(p);
+    page_calls.push_back(typed_test::printed(json));
 }
 
 class Audio : public ::testing::Test {
@@ -41,27 +40,8 @@ protected:
         test::write_file(dir.ro() + "/audio_def.json", def);
         ASSERT_EQ(para_init_audio(nullptr), 0);
     }
-    static std::string get(const char* request)
-    {
-        cJSON* msg = cJSON_Parse(request);
-        void* out = nullptr;
-        EXPECT_EQ(para_get_audio_opt(nullptr, msg->child, &out, nullptr), 0);
-        std::string text;
-        if (out) {
-            char* p = cJSON_PrintUnformatted(static_cast<cJSON*>(out));
-            text = p;
-            free(p);
-            cJSON_Delete(static_cast<cJSON*>(out));
-        }
-        cJSON_Delete(msg);
-        return text;
-    }
-    static void set(const char* request)
-    {
-        cJSON* msg = cJSON_Parse(request);
-        EXPECT_EQ(para_set_audio_opt(nullptr, msg->child, nullptr), 0);
-        cJSON_Delete(msg);
-    }
+    static std::string get(const char* request) { return typed_test::get(para_get_audio_opt, request); }
+    static void set(const char* request) { typed_test::set(para_set_audio_opt, request); }
     std::string saved() { return test::read_file(dir.rw() + "/audio_cur.json").value_or(""); }
 
     test::TempDir dir;
@@ -141,11 +121,7 @@ TEST_F(Audio, GetAndSetRequests)
               R"({"audioEnable":1,"aeFormat":"AAC","audioInput":"linein","volLeftIn":80,"mute":0})");
     EXPECT_EQ(get(R"({"data": ["alles"]})"), get(R"({"audio": ["all"]})"));
     EXPECT_EQ(get(R"({"audio": ["audioOut", 5, "Mute"]})"), "{}");
-    void* out = nullptr;
-    cJSON* whole = cJSON_Parse(R"({"msg_type": "post", "msg_name": "mute", "msg_id": 3})");
-    EXPECT_EQ(para_get_audio_opt(nullptr, whole, &out, nullptr), 0);
-    EXPECT_EQ(out, nullptr);
-    cJSON_Delete(whole);
+    EXPECT_FALSE(typed_test::answers_whole_message(para_get_audio_opt, R"({"msg_type": "post", "msg_name": "mute", "msg_id": 3})"));
 
     set(R"({"audio": {"mute": 1, "aeFormat": "G711A", "volLeftIn": 101, "audioOut": "hdmi"}})");
     EXPECT_EQ(para_get_audio_mute_cur(), 1);
