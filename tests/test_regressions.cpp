@@ -14,6 +14,25 @@ struct Store {
     ~Store() { configure_free(s); }
 };
 
+// Writes the store as a .conf file and reads it back into a fresh store,
+// which must hold the same entries in the same order.
+void expect_file_round_trip(const Store& store)
+{
+    test::TempDir dir;
+    const std::string out = dir.path() + "/out.conf";
+    FILE* f = fopen(out.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    store.s->loop(store.s, loop_2_conf, f);
+    fclose(f);
+    Store again;
+    ASSERT_EQ(configure_parse(again.s, nullptr, out.c_str()), 0);
+    ASSERT_EQ(again.s->list.used, store.s->list.used);
+    for (uint32_t i = 0; i < store.s->list.used; ++i) {
+        EXPECT_STREQ(again.s->list.ptr[i].key, store.s->list.ptr[i].key);
+        EXPECT_STREQ(again.s->list.ptr[i].value, store.s->list.ptr[i].value);
+    }
+}
+
 } // namespace
 
 // A NUL byte inside a .conf line ended the key early, after the blanks had
@@ -30,19 +49,7 @@ TEST(Regression, ConfLineWithNulByteReadsBackTheSame)
     EXPECT_EQ(first.s->get(first.s, "port", buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "80");
     EXPECT_EQ(first.s->list.used, 1u);
-
-    const std::string out = dir.path() + "/out.conf";
-    FILE* f = fopen(out.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    first.s->loop(first.s, loop_2_conf, f);
-    fclose(f);
-    Store again;
-    ASSERT_EQ(configure_parse(again.s, nullptr, out.c_str()), 0);
-    ASSERT_EQ(again.s->list.used, first.s->list.used);
-    for (uint32_t i = 0; i < first.s->list.used; ++i) {
-        EXPECT_STREQ(again.s->list.ptr[i].key, first.s->list.ptr[i].key);
-        EXPECT_STREQ(again.s->list.ptr[i].value, first.s->list.ptr[i].value);
-    }
+    expect_file_round_trip(first);
 }
 
 // Keys reach the store from requests too. One holding "=", starting with a
@@ -56,18 +63,5 @@ TEST(Regression, ConfKeysThatNoLineCarriesAreRefused)
     EXPECT_EQ(store.s->list.used, 0u);
     for (const char* key : {"a b", "\"", "x#", "v;w"})
         EXPECT_EQ(store.s->put(store.s, key, "=v w= "), 1) << key;
-
-    test::TempDir dir;
-    const std::string out = dir.path() + "/out.conf";
-    FILE* f = fopen(out.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    store.s->loop(store.s, loop_2_conf, f);
-    fclose(f);
-    Store again;
-    ASSERT_EQ(configure_parse(again.s, nullptr, out.c_str()), 0);
-    ASSERT_EQ(again.s->list.used, store.s->list.used);
-    for (uint32_t i = 0; i < store.s->list.used; ++i) {
-        EXPECT_STREQ(again.s->list.ptr[i].key, store.s->list.ptr[i].key);
-        EXPECT_STREQ(again.s->list.ptr[i].value, store.s->list.ptr[i].value);
-    }
+    expect_file_round_trip(store);
 }
