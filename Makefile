@@ -42,6 +42,13 @@ test-tsan:
 clean:
 	rm -rf build build-*
 
+# Benchmarks: builds with PARA_BUILD_BENCH, starts Redis itself for the peer figure.
+bench:
+	$(MAKE) deps PACKAGES="$(PACKAGES) redis-server"
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DPARA_BUILD_BENCH=ON -DPARA_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS) --target para_bench
+	build-bench/bench/para_bench $(if $(RESULTS),--results bench/results.md)
+
 # make fuzz: builds the libFuzzer targets with clang-14 (ASan + UBSan) and
 # runs each for FUZZ_SECONDS on a working copy of its seed corpus under
 # $(FUZZ_BUILD)/work/<target> (the committed corpus is never written).
