@@ -129,7 +129,9 @@ struct configure {
      * break, key holding "=", starting with '#' or ';' or with a blank at
      * either end: what no .conf line could carry). */
     int (*put)(configure* store, const char* key, const char* value);
-    /* The entry inside the store, or NULL; valid until the next put. */
+    /* The entry inside the store, or NULL. It stays readable until
+     * configure_free, though after the store grew it no longer follows
+     * later puts. */
     entry* (*getparameter)(configure* store, const char* key);
 };
 
