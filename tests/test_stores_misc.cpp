@@ -56,8 +56,9 @@ void older_files(test::TempDir& dir)
 
 void newer_files(test::TempDir& dir)
 {
+    // File keys match without case: "Version" selects the newer layout.
     test::write_file(dir.ro() + "/misc_range.json",
-                     R"({"version":1,"mirror":[0,1],"hdmivideoformat":["1080P60","1080P50","4KP30"]})");
+                     R"({"Version":1,"mirror":[0,1],"hdmivideoformat":["1080P60","1080P50","4KP30"]})");
     test::write_file(dir.ro() + "/misc.conf", "mirror=0\nhdmivideoformat=1080P50\n");
 }
 
