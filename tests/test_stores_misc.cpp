@@ -148,6 +148,7 @@ TEST(MiscLegacy, NewerLayoutSavesMiscConfThatLoadsBack)
     EXPECT_EQ(para_set_misc_hdmivideoformat_cur_bystr("4KP30"), 1);
     EXPECT_EQ(para_save_misc(const_cast<char*>("misc")), 0);
     EXPECT_FALSE(test::file_exists(dir.rw() + "/misc_cur.json"));
+    EXPECT_FALSE(test::file_exists(dir.rw() + "/misc.conf.tmp"));
 
     configure* back = configure_init();
     ASSERT_EQ(configure_parse(back, nullptr, (dir.rw() + "/misc.conf").c_str()), 0);
