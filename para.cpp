@@ -1,3 +1,377 @@
+// Parameter core: start-up profile, module handler table, lifecycle, the
+// worker thread "Para_Process" and its save sweep.
 #include "para_internal.h"
+
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+extern "C" {
+
+dov_para_profile para_profile = {
+    const_cast<char*>("/home"), const_cast<char*>("/data"), 0, nullptr,
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0,
+};
+
+#define PARA_ROW(name, init, stage2, set, get, need, save) \
+    {const_cast<char*>(name), init, stage2, set, get, need, save}
+#define PARA_VIDEO_ROW(name) \
+    PARA_ROW(name, para_init_video, nullptr, para_set_video_opt, para_get_video_opt, para_need_save_video, para_save_video)
+
+// Names and order are part of the routing contract: a request key reaches
+// the first row whose name is its prefix, so do not reorder.
+module_para_handle_s module_para_handle[PARA_MODULE_ROWS] = {
+    PARA_ROW("odmInter", para_init_odm, para_init_stage2_odm, nullptr, nullptr, para_need_save_odm, para_save_odm),
+    PARA_ROW("isp0", para_init_isp, nullptr, para_set_isp_opt, para_get_isp_opt, para_need_save_isp, para_save_isp),
+    PARA_ROW("isp1", nullptr, nullptr, para_set_isp_opt, para_get_isp_opt, nullptr, nullptr),
+    PARA_ROW("af", para_init_af, nullptr, nullptr, para_get_af_opt, para_need_save_af, para_save_af),
+    PARA_VIDEO_ROW("video0"),
+    PARA_VIDEO_ROW("video1"),
+    PARA_ROW("audio", para_init_audio, nullptr, para_set_audio_opt, para_get_audio_opt, para_need_save_audio, para_save_audio),
+    PARA_ROW("json", para_init_misc, nullptr, nullptr, nullptr, nullptr, nullptr),
+    PARA_ROW("conf", para_init_conf, nullptr, nullptr, nullptr, nullptr, nullptr),
+    PARA_ROW("msg_type", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+    PARA_ROW("msg_name", nullptr, nullptr, nullptr, para_get_msg_name_opt, nullptr, nullptr),
+    PARA_ROW("msg_id", nullptr, nullptr, nullptr, para_get_msg_id_opt, nullptr, nullptr),
+    PARA_VIDEO_ROW("video2"),
+    PARA_VIDEO_ROW("video3"),
+    PARA_VIDEO_ROW("video4"),
+    PARA_VIDEO_ROW("video5"),
+    PARA_VIDEO_ROW("video6"),
+    PARA_ROW("end", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+};
+int module_para_handle_num = 0;
+
+module_para_protocol_handle_s module_para_protocol_handle[1] = {
+    {const_cast<char*>("www"), para_init_www, para_convert_www_opt, para_reverse_convert_www_opt},
+};
+int module_para_protocol_handle_num = 1;
+
+cJSON* para_config = nullptr;
+
+} // extern "C"
+
+namespace {
+
+const module_para_handle_s json_pattern =
+    PARA_ROW("json_pattern", para_init_misc, nullptr, para_set_misc_opt, para_get_misc_opt, para_need_save_misc, para_save_misc);
+const module_para_handle_s conf_pattern =
+    PARA_ROW("conf_pattern", para_init_conf, nullptr, para_set_conf_opt, para_get_conf_opt, para_need_save_conf, para_save_conf);
+
+module_para_handle_s module_para_handle_extern_temp[PARA_EXTERN_ROWS];
+int module_para_handle_num_extern_temp = 0;
+
+pthread_mutex_t param_mux = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<int> platformparam_Stop_flag{0};
+int para_socket_descriptor = -1;
+pthread_t para_Pid;
+bool para_worker_running = false;
+bool para_server_started = false;
+
+para_server_message_info message_info;
+
+void count_builtin_rows()
+{
+    module_para_handle_num = 0;
+    for (int i = 0; i < PARA_MODULE_ROWS; ++i) {
+        if (para::same(module_para_handle[i].parse_name, "end")) {
+            module_para_handle_num = i + 1;
+            return;
+        }
+    }
+}
+
+// One pattern list ("json_pattern_list" / "conf_pattern_list"), from the
+// mapping file or from the built-in default text.
+void register_pattern(const char* list_name, const char* default_text, const module_para_handle_s& tmpl,
+                      const char* added_fmt_kind)
+{
+    const cJSON* list = para_config ? cJSON_GetObjectItem(para_config, list_name) : nullptr;
+    para::JsonPtr fallback;
+    if (!list) {
+        char text[256];
+        snprintf(text, sizeof text, "%s", default_text);
+        fallback.reset(cJSON_Parse(text));
+        list = fallback ? cJSON_GetObjectItem(fallback.get(), list_name) : nullptr;
+        if (!list) {
+            PARA_LOG(PARA_INFO, "%s error", list_name);
+            return;
+        }
+    }
+    const cJSON* name = nullptr;
+    cJSON_ArrayForEach(name, list) {
+        if (module_para_handle_num >= PARA_MODULE_ROWS) {
+            PARA_LOG(PARA_ERR, "err not enough module_para_handle");
+            return;
+        }
+        // A row without a usable name could never be routed to; skip it.
+        if (!cJSON_IsString(name) || !name->valuestring || !*name->valuestring) {
+            PARA_LOG(PARA_ERR, "%s: ignoring an element that is not a non-empty string", list_name);
+            continue;
+        }
+        module_para_handle_s& row = module_para_handle[module_para_handle_num];
+        row = tmpl;
+        row.parse_name = lib_strdup(name->valuestring);
+        PARA_LOG(PARA_INFO, "add %s:%s", added_fmt_kind, row.parse_name);
+        ++module_para_handle_num;
+    }
+}
+
+int save_param(int force)
+{
+    pthread_mutex_lock(&param_mux);
+    bool saved = false;
+    for (int i = 0; i < module_para_handle_num; ++i) {
+        module_para_handle_s& row = module_para_handle[i];
+        if (!row.save)
+            continue;
+        if (!force && !(row.need_save && row.need_save(row.parse_name)))
+            continue;
+        PARA_LOG(PARA_INFO, "%s save...", row.parse_name);
+        saved = true;
+        if (row.save(row.parse_name) != 0)
+            PARA_LOG(PARA_ERR, "%s save err", row.parse_name);
+    }
+    if (saved)
+        lib_system("sync");
+    pthread_mutex_unlock(&param_mux);
+    return 0;
+}
+
+void receive_one(int fd)
+{
+    para_server_message_info& info = message_info;
+    socklen_t alen = sizeof info.addressRec;
+    // MSG_TRUNC reports the real length, so an over-long datagram is seen
+    // as such instead of being parsed from a cut buffer.
+    ssize_t n = recvfrom(fd, info.buffer, sizeof info.buffer, MSG_DONTWAIT | MSG_TRUNC,
+                         reinterpret_cast<sockaddr*>(&info.addressRec), &alen);
+    if (n <= 0)
+        return;
+    if (n >= static_cast<ssize_t>(sizeof info.buffer)) {
+        // The buffer must stay a terminated text of received bytes only, so
+        // a datagram that fills it cannot be served.
+        PARA_LOG(PARA_ERR, "datagram of %zd bytes dropped: requests are limited to %zu bytes", n,
+                 sizeof info.buffer - 1);
+        return;
+    }
+    info.buffer[n] = '\0';
+    info.fd = fd;
+    para_server_message_Process(&info);
+}
+
+void* platformparam_Process(void*)
+{
+    prctl(PR_SET_NAME, "Para_Process", 0, 0, 0);
+    fd_set all;
+    FD_ZERO(&all);
+    int maxfd = 0;
+    if (para_socket_descriptor >= 0) {
+        FD_SET(para_socket_descriptor, &all);
+        maxfd = para_socket_descriptor;
+    }
+    for (;;) {
+        fd_set rd = all;
+        timeval tv{0, 100000};
+        int r = select(maxfd + 1, &rd, nullptr, nullptr, &tv);
+        if (r < 0) {
+            if (errno == EINTR)
+                continue; // a signal to the host must not end request service
+            PARA_LOG(PARA_ERR, "select failed: %s; the worker ends", strerror(errno));
+            break;
+        }
+        if (r > 0 && para_socket_descriptor >= 0 && FD_ISSET(para_socket_descriptor, &rd))
+            receive_one(para_socket_descriptor);
+        if (platformparam_Stop_flag.load())
+            break;
+        save_param(0);
+    }
+    return nullptr;
+}
+
+} // namespace
+
+/* ---- module table ------------------------------------------------------- */
+
+void register_para_handle_json_pattern(void)
+{
+    register_pattern("json_pattern_list", "{\"json_pattern_list\":[\"misc\"]}", json_pattern, "json_pattern");
+}
+
+void register_para_handle_conf_pattern(void)
+{
+    register_pattern("conf_pattern_list", "{\"conf_pattern_list\":[\"netport\",\"overlay\",\"ndi_config\"]}",
+                     conf_pattern, "conf_pattern");
+}
+
+int register_para_handle_extern_pattern(void)
+{
+    for (int i = 0; i < module_para_handle_num_extern_temp; ++i) {
+        if (module_para_handle_num >= PARA_MODULE_ROWS) {
+            PARA_LOG(PARA_ERR, "err not enough module_para_handle");
+            return -1;
+        }
+        module_para_handle[module_para_handle_num] = module_para_handle_extern_temp[i];
+        PARA_LOG(PARA_INFO, "add extern_pattern:%s", module_para_handle_extern_temp[i].parse_name);
+        ++module_para_handle_num;
+    }
+    return 0;
+}
+
+extern "C" void register_para_handle_extern(module_para_handle_s* handle)
+{
+    if (!handle)
+        return;
+    if (module_para_handle_num != 0) {
+        PARA_LOG(PARA_ERR, "err:call register_para_handle_extern before platformparam_init");
+        return;
+    }
+    if (!handle->parse_name || !*handle->parse_name) {
+        PARA_LOG(PARA_ERR, "extern module without a name refused");
+        return;
+    }
+    for (int i = 0; i < module_para_handle_num_extern_temp; ++i) {
+        module_para_handle_s& row = module_para_handle_extern_temp[i];
+        if (para::same(row.parse_name, handle->parse_name)) {
+            row.set_buf = handle->set_buf;
+            row.get_buf = handle->get_buf;
+            PARA_LOG(PARA_INFO, "%s ok,%p %p", row.parse_name, reinterpret_cast<void*>(row.set_buf),
+                     reinterpret_cast<void*>(row.get_buf));
+            return;
+        }
+    }
+    if (module_para_handle_num_extern_temp >= PARA_EXTERN_ROWS) {
+        PARA_LOG(PARA_ERR, "err not enough module_para_handle_extern_temp");
+        return;
+    }
+    module_para_handle_s& row = module_para_handle_extern_temp[module_para_handle_num_extern_temp++];
+    row = module_para_handle_s{};
+    row.parse_name = handle->parse_name;
+    row.set_buf = handle->set_buf;
+    row.get_buf = handle->get_buf;
+}
+
+// The rows "msg_name" / "msg_id" echo the request's own keys into a reply.
+int para_get_msg_name_opt(char*, void* jsonIn, void** jsonOut, char* parse_name)
+{
+    auto* in = static_cast<cJSON*>(jsonIn);
+    if (!in || !in->string || !jsonOut || !parse_name)
+        return 0;
+    if (strncmp(parse_name, in->string, strlen(in->string)) != 0)
+        return 0;
+    if (cJSON_IsString(in) && in->valuestring)
+        *jsonOut = cJSON_CreateString(in->valuestring);
+    return 0;
+}
+
+int para_get_msg_id_opt(char*, void* jsonIn, void** jsonOut, char* parse_name)
+{
+    auto* in = static_cast<cJSON*>(jsonIn);
+    if (!in || !in->string || !jsonOut || !parse_name)
+        return 0;
+    if (strncmp(parse_name, in->string, strlen(in->string)) != 0)
+        return 0;
+    *jsonOut = cJSON_CreateNumber(in->valueint);
+    return 0;
+}
+
+int para_free_msg_name_opt(char*)
+{
+    return 0;
+}
+
+extern "C" int para_conflict_callback(char* para_file, int old_version, int new_version)
+{
+    PARA_LOG(PARA_INFO, "%s %d->%d", para_file ? para_file : "(null)", old_version, new_version);
+    if (para_profile.para_version_conflict)
+        para_profile.para_version_conflict(para_file, old_version, new_version);
+    return 0;
+}
+
+/* ---- lifecycle ---------------------------------------------------------- */
+
+extern "C" void platformparam_init(void)
+{
+    PARA_LOG(PARA_INFO, "cJson version:%d %d %d", CJSON_VERSION_MAJOR, CJSON_VERSION_MINOR, CJSON_VERSION_PATCH);
+    if (para_profile.client) {
+        para_client_init();
+        return;
+    }
+    if (para_server_started) {
+        // Every module loads once; a second start would add the pattern rows again.
+        PARA_LOG(PARA_ERR, "platformparam_init called twice; ignored");
+        return;
+    }
+    para_server_started = true;
+    pthread_mutex_init(&param_mux, nullptr);
+
+    char path[PARA_PATH_MAX];
+    const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
+    if (para::make_path(path, para_profile.param_rofile_dir, map_name)) {
+        para::CharPtr text(read_file_to_buf(path));
+        para_config = text ? cJSON_Parse(text.get()) : nullptr;
+    }
+    if (!para_config) {
+        const char* at = cJSON_GetErrorPtr();
+        PARA_LOG(PARA_ERR, "Error before: [%s]", at ? at : "");
+    }
+
+    count_builtin_rows();
+    register_para_handle_json_pattern();
+    register_para_handle_conf_pattern();
+    register_para_handle_extern_pattern();
+    PARA_LOG(PARA_INFO, "module_para_handle_num:%d", module_para_handle_num);
+
+    for (int i = 0; i < module_para_handle_num; ++i) {
+        module_para_handle_s& row = module_para_handle[i];
+        if (row.init && row.init(row.parse_name) != 0)
+            PARA_LOG(PARA_ERR, "%s init err", row.parse_name);
+    }
+    for (int i = 0; i < module_para_handle_num; ++i) {
+        module_para_handle_s& row = module_para_handle[i];
+        if (row.init_stage2)
+            row.init_stage2(row.parse_name);
+    }
+    for (int i = 0; i < module_para_protocol_handle_num; ++i) {
+        module_para_protocol_handle_s& p = module_para_protocol_handle[i];
+        if (p.init && p.init() != 0)
+            PARA_LOG(PARA_ERR, "%s init err", p.parse_name);
+    }
+
+    para_socket_descriptor = para_server_init();
+    if (pthread_create(&para_Pid, nullptr, platformparam_Process, nullptr) == 0)
+        para_worker_running = true;
+    else
+        PARA_LOG(PARA_ERR, "cannot start the worker thread");
+}
+
+extern "C" int platformparam_stop(int IsStop)
+{
+    platformparam_Stop_flag.store(IsStop);
+    if (!IsStop || !para_worker_running)
+        return 0;
+    pthread_join(para_Pid, nullptr);
+    para_worker_running = false;
+    save_param(1);
+    PARA_LOG(PARA_INFO, "platformparam_stop ok");
+    return 0;
+}
+
+extern "C" int platformparam_save(void)
+{
+    return save_param(1);
+}
+
+extern "C" void platformparam_set_save_param_time(int audio_ms, int video_ms)
+{
+    para_set_audio_save_param_time(audio_ms);
+    para_set_video_save_param_time(video_ms);
+}
 
 /* ---- conf line updates (host-owned key = value files) ------------------ */

@@ -104,6 +104,10 @@ void register_para_handle_conf_pattern(void);
 int register_para_handle_extern_pattern(void);
 
 int para_server_init(void);
+/* Port the server binds: 6800. Tests may set 0 (any free port) before
+ * platformparam_init and ask para_server_bound_port() which one it got. */
+extern int para_server_port;
+int para_server_bound_port(void);
 int para_server_message_Process(para_server_message_info* info);
 
 #endif
