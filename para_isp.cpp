@@ -328,7 +328,7 @@ void load_style(int isp, cJSON* style)
 void load_cur_file(cJSON* tree)
 {
     for (int i = 0; i < PARA_ISP_NUM; ++i) {
-        char key[8];
+        char key[16];
         std::snprintf(key, sizeof key, "isp%d", i);
         cJSON* saved = cJSON_GetObjectItem(tree, key);
         if (cJSON* style = cJSON_GetObjectItem(saved, "style"))
@@ -360,7 +360,7 @@ int para_init_isp(char* parse_name)
         return -1;
     g_num_isp = check_isp_num(range.get());
     for (int i = 0; i < PARA_ISP_NUM; ++i) {
-        char key[8];
+        char key[16];
         std::snprintf(key, sizeof key, "isp%d", i);
         _parse_isp_range_json(cJSON_GetObjectItem(range.get(), key), &para_isp_min[i],
                               &para_isp_max[i]);
@@ -461,7 +461,7 @@ int para_save_isp(char* parse_name)
         return -1;
     para::JsonPtr root(cJSON_CreateObject());
     for (int i = 0; i < g_num_isp; ++i) {
-        char key[8];
+        char key[16];
         std::snprintf(key, sizeof key, "isp%d", i);
         cJSON_AddItemToObject(root.get(), key, Create_Json_ISPObject(i, 0));
     }
