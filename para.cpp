@@ -315,6 +315,8 @@ extern "C" void platformparam_init(void)
     const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
     if (para::make_path(path, para_profile.param_rofile_dir, map_name)) {
         para::CharPtr text(read_file_to_buf(path));
+        if (!text)
+            PARA_LOG(PARA_INFO, "mapping file %s not readable; default pattern lists apply", path);
         para_config = text ? cJSON_Parse(text.get()) : nullptr;
     }
     if (!para_config) {
@@ -375,3 +377,245 @@ extern "C" void platformparam_set_save_param_time(int audio_ms, int video_ms)
 }
 
 /* ---- conf line updates (host-owned key = value files) ------------------ */
+
+/* The host application's own key = value files are small; the limits keep
+ * every line readable by the same code that wrote it. Whatever does not fit
+ * is refused and the file stays as it was. */
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <string>
+
+namespace {
+
+constexpr size_t kConfFileMax = 2047;    /* characters of a whole file */
+constexpr size_t kConfLineMax = 95;      /* characters of a line, its LF included */
+constexpr size_t kConfComposedMax = 63;  /* characters of a composed line */
+
+/* A line sets key when it begins with key followed by a space or '='. */
+bool line_sets(std::string_view line, std::string_view key)
+{
+    return line.size() > key.size() && line.compare(0, key.size(), key) == 0 &&
+           (line[key.size()] == ' ' || line[key.size()] == '=');
+}
+
+/* Closes a descriptor on every way out. */
+struct Fd {
+    int fd = -1;
+    ~Fd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+bool read_all(int fd, std::string& out, const char* path)
+{
+    char buf[512];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            PARA_LOG(PARA_ERR, "read %s: %s", path, strerror(errno));
+            return false;
+        }
+        if (n == 0)
+            return true;
+        out.append(buf, static_cast<size_t>(n));
+        if (out.size() > kConfFileMax) {
+            PARA_LOG(PARA_ERR, "%s longer than %zu characters, not changed", path, kConfFileMax);
+            return false;
+        }
+    }
+}
+
+bool write_all(int fd, const std::string& text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+/* The new content, or false when a line or the result breaks the limits. */
+bool replace_lines(const std::string& old, std::string_view key, std::string_view item,
+                   std::string& out, const char* path)
+{
+    size_t pos = 0;
+    while (pos < old.size()) {
+        size_t end = old.find('\n', pos);
+        size_t next = end == std::string::npos ? old.size() : end + 1;
+        std::string_view line(old.data() + pos, next - pos);
+        pos = next;
+        if (line.size() > kConfLineMax) {
+            PARA_LOG(PARA_ERR, "%s: line longer than %zu characters, not changed", path,
+                     kConfLineMax);
+            return false;
+        }
+        if (line[0] == '\0')
+            continue;
+        if (line_sets(line, key)) {
+            out.append(item);
+            out.push_back('\n');
+        } else {
+            out.append(line);
+        }
+    }
+    if (out.size() > kConfFileMax) {
+        PARA_LOG(PARA_ERR, "%s would grow past %zu characters, not changed", path, kConfFileMax);
+        return false;
+    }
+    return true;
+}
+
+/* Writes text beside target and renames it into place, so a crash leaves
+ * either the old or the new file, never a truncated one. */
+bool replace_file(const std::string& target, const struct stat& st, const std::string& text)
+{
+    std::string tmp = target + ".XXXXXX";
+    Fd out{mkostemp(tmp.data(), O_CLOEXEC)};
+    if (out.fd < 0) {
+        PARA_LOG(PARA_ERR, "temporary file beside %s: %s", target.c_str(), strerror(errno));
+        return false;
+    }
+    if (fchown(out.fd, st.st_uid, st.st_gid) != 0) {
+        /* Only root may hand the file to another owner; the mode still holds. */
+    }
+    bool ok = fchmod(out.fd, st.st_mode & 07777) == 0 && write_all(out.fd, text) &&
+              fsync(out.fd) == 0 && rename(tmp.c_str(), target.c_str()) == 0;
+    if (!ok) {
+        PARA_LOG(PARA_ERR, "rewriting %s failed: %s", target.c_str(), strerror(errno));
+        unlink(tmp.c_str());
+        return false;
+    }
+    std::string dir = target.substr(0, target.rfind('/') + 1);
+    Fd d{open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY)};
+    if (d.fd >= 0)
+        fsync(d.fd);
+    return true;
+}
+
+/* Opens and locks the file the path names now. A cooperating writer may
+ * have renamed a new file into place while we waited for the lock on the
+ * old one: then the lock guards nothing, so start again. Each new round
+ * means another writer finished, so this cannot spin on its own. */
+bool open_locked(const std::string& target, Fd& fd, struct stat& st)
+{
+    for (;;) {
+        Fd f{open(target.c_str(), O_RDWR | O_CLOEXEC)};
+        if (f.fd < 0) {
+            PARA_LOG(PARA_ERR, "open %s: %s", target.c_str(), strerror(errno));
+            return false;
+        }
+        int r;
+        while ((r = flock(f.fd, LOCK_EX)) != 0 && errno == EINTR) {
+        }
+        struct stat now{};
+        if (r != 0 || fstat(f.fd, &st) != 0) {
+            PARA_LOG(PARA_ERR, "lock %s: %s", target.c_str(), strerror(errno));
+            return false;
+        }
+        if (stat(target.c_str(), &now) == 0 && now.st_ino == st.st_ino && now.st_dev == st.st_dev) {
+            std::swap(fd.fd, f.fd);
+            return true;
+        }
+    }
+}
+
+bool plain_text(const char* text, const char* what)
+{
+    if (!text) {
+        PARA_LOG(PARA_ERR, "%s missing", what);
+        return false;
+    }
+    if (std::strpbrk(text, "\r\n")) {
+        PARA_LOG(PARA_ERR, "%s holds a line break", what);
+        return false;
+    }
+    return true;
+}
+
+/* The two line formats of each kind of value. */
+const char* const conf_str_formats[] = {"%s = \"%s\"", "%s=%s"};
+const char* const conf_int_formats[] = {"%s = \"%d\"", "%s=%d"};
+
+bool value_ok(int) { return true; }
+bool value_ok(const char* text) { return plain_text(text, "value"); }
+
+template <typename Value>
+int update_composed(char* path, char* keyword, Value value, const char* format,
+                    const char* const (&allowed)[2])
+{
+    if (!format || (std::strcmp(format, allowed[0]) != 0 && std::strcmp(format, allowed[1]) != 0)) {
+        PARA_LOG(PARA_ERR, "error: format is wrong");
+        return -1;
+    }
+    if (!plain_text(keyword, "keyword") || !value_ok(value))
+        return -1;
+    char line[kConfComposedMax + 1];
+    int n = std::snprintf(line, sizeof line, format, keyword, value);
+    if (n < 0 || static_cast<size_t>(n) > kConfComposedMax) {
+        PARA_LOG(PARA_ERR, "line for %s longer than %zu characters, not changed", keyword,
+                 kConfComposedMax);
+        return -1;
+    }
+    return update_conf(path, keyword, line);
+}
+
+} // namespace
+
+int update_conf(char* path, char* keyword, char* item)
+{
+    if (!plain_text(path, "path") || !plain_text(keyword, "keyword") ||
+        !plain_text(item, "new line"))
+        return -1;
+    if (!*keyword) {
+        PARA_LOG(PARA_ERR, "empty keyword refused");
+        return -1;
+    }
+    if (std::strlen(item) + 1 > kConfLineMax) {
+        PARA_LOG(PARA_ERR, "new line for %s longer than %zu characters, not changed", keyword,
+                 kConfLineMax);
+        return -1;
+    }
+    /* Rename replaces a link by a file: work on what it points to. */
+    para::CharPtr real(realpath(path, nullptr));
+    if (!real) {
+        PARA_LOG(PARA_ERR, "%s: %s", path, strerror(errno));
+        return -1;
+    }
+    std::string target = real.get();
+    Fd fd;
+    struct stat st{};
+    if (!open_locked(target, fd, st))
+        return -1;
+    std::string old, updated;
+    if (!read_all(fd.fd, old, path) || !replace_lines(old, keyword, item, updated, path))
+        return -1;
+    return replace_file(target, st, updated) ? 0 : -1;
+}
+
+int update_line_conf(char* path, char* keyword, char* new_key_word_value)
+{
+    return update_conf(path, keyword, new_key_word_value);
+}
+
+int update_line_conf_str(char* path, char* keyword, char* keyvalue, char* format)
+{
+    return update_composed(path, keyword, keyvalue, format, conf_str_formats);
+}
+
+int update_line_conf_int(char* path, char* keyword, int keyvalue, char* format)
+{
+    return update_composed(path, keyword, keyvalue, format, conf_int_formats);
+}

@@ -147,12 +147,25 @@ PARA_API int para_need_save_odm(char* parse_name);
 PARA_API int para_save_odm(char* parse_name);
 PARA_API extern cJSON* json_odm_file;
 PARA_API extern struct timespec odm_item_start_time;
-PARA_API void para_set_odm_int(char* key, int value);
-PARA_API void para_set_odm_string(char* key, char* value);
-PARA_API int _para_set_odm_int(char* key, int value);
-PARA_API int _para_set_odm_string(char* key, char* value);
-PARA_API int para_get_odm_int(char* key, int* value);
-PARA_API int para_get_odm_string(char* key, char* str_buf);
+/* Values are integers or texts; keys are looked up without regard to case.
+ * Setters refuse a NULL key or value with a log line and change nothing;
+ * _para_set_odm_* answer 1 when the store changed, else 0. Reads answer 0,
+ * -1 when no store exists, -2 when the key is missing (a string read also
+ * when the key holds no text), -3 for a NULL key or output, -4 when the
+ * text did not fit (the buffer then holds it cut and terminated).
+ * para_get_odm_string cannot know its caller's buffer: it writes at most
+ * PARA_ODM_STRING_MAX bytes, the terminating NUL included; callers that
+ * know their size use para_get_odm_string_safe. */
+#define PARA_ODM_STRING_MAX 256
+#define PARA_ODM_KINDS(X) \
+    X(int, int, int*)     \
+    X(string, char*, char*)
+#define PARA_ODM_DECLARE(kind, type, out_type)                  \
+    PARA_API void para_set_odm_##kind(char* key, type value);   \
+    PARA_API int _para_set_odm_##kind(char* key, type value);   \
+    PARA_API int para_get_odm_##kind(char* key, out_type value);
+PARA_ODM_KINDS(PARA_ODM_DECLARE)
+PARA_API int para_get_odm_string_safe(char* key, char* buf, int size);
 /* ======================== END stores ==================================== */
 
 /* ======================== BEGIN video =================================== */

@@ -1,15 +1,277 @@
+/* Factory (ODM) overrides: a flat JSON object of integer and text values kept
+ * in "persist/odm.json" under the read-write directory, apart from the
+ * ordinary current values so that a reset of those leaves it alone. */
 #include "para_internal.h"
 
-// Placeholder until the module lands: keeps the handler table linkable.
-extern "C" int para_init_odm(char*){return 0;}
-extern "C" void para_init_stage2_odm(char*){}
-extern "C" int para_need_save_odm(char*){return 0;}
-extern "C" int para_save_odm(char*){return 0;}
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <mutex>
+
 cJSON* json_odm_file = nullptr;
 struct timespec odm_item_start_time;
-extern "C" void para_set_odm_int(char*, int){}
-extern "C" void para_set_odm_string(char*, char*){}
-extern "C" int _para_set_odm_int(char*, int){return 0;}
-extern "C" int _para_set_odm_string(char*, char*){return 0;}
-extern "C" int para_get_odm_int(char*, int*){return -1;}
-extern "C" int para_get_odm_string(char*, char*){return -1;}
+
+namespace {
+
+constexpr int kOdmSaveDelayMs = 2000;
+constexpr int kOdmVersion = 1;
+
+/* Guards json_odm_file and odm_item_start_time: host threads write the
+ * store while the worker prints it for saving. Never held across a
+ * callback into the application. */
+std::mutex odm_mutex;
+std::atomic<int> odm_item_flag{0};
+pthread_once_t set_odm_inited = PTHREAD_ONCE_INIT;
+
+/* ---- paths ---------------------------------------------------------- */
+
+struct OdmPaths {
+    char dir[PARA_PATH_MAX];
+    char file[PARA_PATH_MAX];
+    char old_file[PARA_PATH_MAX];
+};
+
+/* Without a read-write directory the names would fall back to the working
+ * directory of whatever process runs us: refuse instead. */
+bool odm_paths(OdmPaths& p)
+{
+    const char* rw = para_profile.param_rwfile_dir;
+    if (!rw || !*rw) {
+        PARA_LOG(PARA_ERR, "no read-write directory, factory store not kept on disk");
+        return false;
+    }
+    return para::make_path(p.dir, rw, "persist/") &&
+           para::make_path(p.file, rw, "persist/", "odm.json") &&
+           para::make_path(p.old_file, rw, "isp_odm.json");
+}
+
+void ensure_persist_dir(const OdmPaths& p)
+{
+    if (access(p.dir, F_OK) == 0)
+        return;
+    if (mkdir(p.dir, 0775) != 0)
+        PARA_LOG(PARA_ERR, "mkdir %s failed: %s", p.dir, strerror(errno));
+}
+
+/* ---- value kinds ---------------------------------------------------- */
+
+struct OdmKind;
+
+struct OdmValue {
+    const OdmKind* kind;
+    int number;
+    const char* text;
+};
+
+struct OdmTarget {
+    const OdmKind* kind;
+    int* number;
+    char* buf;
+    int size;
+};
+
+struct OdmKind {
+    const char* name;
+    bool (*valid)(const OdmValue& v);
+    cJSON* (*create)(const OdmValue& v);
+    bool (*same)(const cJSON* item, const OdmValue& v);
+    /* Only the item's own kind of value changes: a number written over a
+     * text keeps the text on disk, a text written over a number keeps the
+     * number. The change is reported all the same. */
+    void (*assign)(cJSON* item, const OdmValue& v);
+    int (*read)(const cJSON* item, const OdmTarget& t);
+};
+
+int read_text(const cJSON* item, const OdmTarget& t)
+{
+    if (!cJSON_IsString(item) || !item->valuestring) {
+        PARA_LOG(PARA_INFO, "%s holds no text", item->string);
+        return -2;
+    }
+    size_t len = std::strlen(item->valuestring);
+    if (len < static_cast<size_t>(t.size)) {
+        std::memcpy(t.buf, item->valuestring, len + 1);
+        return 0;
+    }
+    std::memcpy(t.buf, item->valuestring, static_cast<size_t>(t.size) - 1);
+    t.buf[t.size - 1] = '\0';
+    PARA_LOG(PARA_ERR, "%s: text of %zu bytes cut to %d", item->string, len, t.size - 1);
+    return -4;
+}
+
+const OdmKind odm_int_kind = {
+    "int",
+    [](const OdmValue&) { return true; },
+    [](const OdmValue& v) { return cJSON_CreateNumber(v.number); },
+    [](const cJSON* item, const OdmValue& v) { return para::json_int(item) == v.number; },
+    [](cJSON* item, const OdmValue& v) { cJSON_SetNumberHelper(item, v.number); },
+    [](const cJSON* item, const OdmTarget& t) {
+        *t.number = para::json_int(item);
+        return 0;
+    },
+};
+
+const OdmKind odm_string_kind = {
+    "string",
+    [](const OdmValue& v) { return v.text != nullptr; },
+    [](const OdmValue& v) { return cJSON_CreateString(v.text); },
+    [](const cJSON* item, const OdmValue& v) {
+        return cJSON_IsString(item) && item->valuestring &&
+               std::strcmp(item->valuestring, v.text) == 0;
+    },
+    [](cJSON* item, const OdmValue& v) { cJSON_SetValuestring(item, v.text); },
+    read_text,
+};
+
+OdmValue odm_value(int v) { return {&odm_int_kind, v, nullptr}; }
+OdmValue odm_value(const char* v) { return {&odm_string_kind, 0, v}; }
+OdmTarget odm_target(int* out) { return {&odm_int_kind, out, nullptr, 0}; }
+OdmTarget odm_target(char* out, int size = PARA_ODM_STRING_MAX)
+{
+    return {&odm_string_kind, nullptr, out, size};
+}
+
+/* ---- store ---------------------------------------------------------- */
+
+/* Runs once per process: a loaded store is kept as it is, a missing one
+ * starts with the current format version. */
+void check_json_odm_file()
+{
+    std::lock_guard<std::mutex> lock(odm_mutex);
+    if (!json_odm_file) {
+        json_odm_file = cJSON_CreateObject();
+        cJSON_AddNumberToObject(json_odm_file, "version", kOdmVersion);
+    }
+}
+
+int odm_store(const char* key, const OdmValue& v)
+{
+    if (!key || !v.kind->valid(v)) {
+        PARA_LOG(PARA_ERR, "refused %s write: key %s, value %s", v.kind->name,
+                 key ? key : "(null)", v.kind->valid(v) ? "given" : "(null)");
+        return 0;
+    }
+    pthread_once(&set_odm_inited, check_json_odm_file);
+    std::lock_guard<std::mutex> lock(odm_mutex);
+    if (!cJSON_IsObject(json_odm_file))
+        return 0;
+    cJSON* item = cJSON_GetObjectItem(json_odm_file, key);
+    if (!item) {
+        cJSON_AddItemToObject(json_odm_file, key, v.kind->create(v));
+        return 1;
+    }
+    if (v.kind->same(item, v))
+        return 0;
+    v.kind->assign(item, v);
+    return 1;
+}
+
+void odm_mark_changed()
+{
+    std::lock_guard<std::mutex> lock(odm_mutex);
+    clock_gettime(CLOCK_MONOTONIC, &odm_item_start_time);
+    odm_item_flag.store(1);
+}
+
+void odm_set(char* key, const OdmValue& v)
+{
+    if (odm_store(key, v) != 1)
+        return;
+    if (para_profile.odm_caller)
+        para_profile.odm_caller(key);
+    odm_mark_changed();
+}
+
+int odm_get(const char* key, const OdmTarget& t)
+{
+    if (!key || (!t.number && !t.buf) || (t.buf && t.size < 1)) {
+        PARA_LOG(PARA_ERR, "refused %s read: key %s", t.kind->name, key ? key : "(null)");
+        return -3;
+    }
+    std::lock_guard<std::mutex> lock(odm_mutex);
+    if (!json_odm_file)
+        return -1;
+    const cJSON* item = cJSON_GetObjectItem(json_odm_file, key);
+    if (!item)
+        return -2;
+    return t.kind->read(item, t);
+}
+
+} // namespace
+
+/* ---- table operations ----------------------------------------------- */
+
+int para_init_odm(char* parse_name)
+{
+    OdmPaths p;
+    if (!odm_paths(p))
+        return 0;
+    if (access(p.old_file, F_OK) == 0) {
+        ensure_persist_dir(p);
+        if (rename(p.old_file, p.file) != 0)
+            PARA_LOG(PARA_ERR, "moving %s to %s failed: %s", p.old_file, p.file, strerror(errno));
+    }
+    bool unreadable = false;
+    para::JsonPtr json = para::load_json_file(p.file, &unreadable, "\n\n");
+    if (unreadable)
+        return 0;
+    if (json && !cJSON_IsObject(json.get())) {
+        PARA_LOG(PARA_ERR, "%s is not a JSON object, ignored", p.file);
+        json.reset();
+    }
+    if (!json)
+        return -1;
+    std::lock_guard<std::mutex> lock(odm_mutex);
+    cJSON_Delete(json_odm_file);
+    json_odm_file = json.release();
+    return 0;
+}
+
+void para_init_stage2_odm(char* parse_name)
+{
+    int version = 0;
+    if (para_get_odm_int(const_cast<char*>("version"), &version) == -1)
+        return;
+    if (version != kOdmVersion) {
+        para_conflict_callback(const_cast<char*>("odm"), version, kOdmVersion);
+        para_set_odm_int(const_cast<char*>("version"), kOdmVersion);
+    }
+}
+
+int para_need_save_odm(char* parse_name)
+{
+    if (odm_item_flag.load() != 1)
+        return 0;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    std::lock_guard<std::mutex> lock(odm_mutex);
+    return lib_common_diff_msec_timespec(&odm_item_start_time, &now) >= kOdmSaveDelayMs;
+}
+
+int para_save_odm(char* parse_name)
+{
+    odm_item_flag.store(0);
+    OdmPaths p;
+    if (!odm_paths(p))
+        return 0;
+    ensure_persist_dir(p);
+    std::lock_guard<std::mutex> lock(odm_mutex);
+    if (!json_odm_file)
+        return 0;
+    return para::write_json_file(p.file, json_odm_file);
+}
+
+/* ---- accessors ------------------------------------------------------ */
+
+#define ODM_DEFINE(kind, type, out_type)                                                    \
+    int _para_set_odm_##kind(char* key, type value) { return odm_store(key, odm_value(value)); } \
+    void para_set_odm_##kind(char* key, type value) { odm_set(key, odm_value(value)); }          \
+    int para_get_odm_##kind(char* key, out_type value) { return odm_get(key, odm_target(value)); }
+PARA_ODM_KINDS(ODM_DEFINE)
+#undef ODM_DEFINE
+
+int para_get_odm_string_safe(char* key, char* buf, int size)
+{
+    return odm_get(key, odm_target(buf, size));
+}
