@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +14,23 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+namespace {
+
+#ifdef PARA_PORT_LOCK
+// Port 6800 is machine-wide: CTest's RESOURCE_LOCK only orders tests of one
+// run, so concurrent runs (several build trees) also queue on this file lock.
+struct PortLock {
+    PortLock()
+    {
+        int fd = open("/tmp/para-port-6800.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
+        if (fd >= 0)
+            flock(fd, LOCK_EX);
+    }
+} port_lock;
+#endif
+
+} // namespace
 
 namespace test {
 

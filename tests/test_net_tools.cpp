@@ -1,0 +1,133 @@
+// paramd and paramctl as a user runs them: real processes, real port 6800.
+#include <gtest/gtest.h>
+
+#include "support.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+const std::string kBin = std::string(PARA_BINARY_DIR) + "/tools/";
+
+struct Result {
+    int status;
+    std::string out;
+};
+
+Result run(const std::string& cmd)
+{
+    Result r{-1, ""};
+    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
+    if (!p)
+        return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+class Paramd {
+public:
+    explicit Paramd(const std::string& rw)
+    {
+        log_ = rw + "/../paramd.log";
+        pid_ = fork();
+        if (pid_ == 0) {
+            FILE* f = freopen(log_.c_str(), "w", stdout);
+            (void)f;
+            dup2(1, 2);
+            std::string ro = test::example_device_dir();
+            execl((kBin + "paramd").c_str(), "paramd", "--ro", ro.c_str(), "--rw", rw.c_str(), "--log-level", "3",
+                  static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    bool wait_serving()
+    {
+        return test::wait_until([this] { return output().find("serving") != std::string::npos; }, 5000);
+    }
+    int stop(int sig = SIGTERM)
+    {
+        kill(pid_, sig);
+        int st = 0;
+        waitpid(pid_, &st, 0);
+        pid_ = -1;
+        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    }
+    std::string output() const { return test::read_file(log_).value_or(""); }
+    ~Paramd()
+    {
+        if (pid_ > 0)
+            stop(SIGKILL);
+    }
+
+private:
+    pid_t pid_ = -1;
+    std::string log_;
+};
+
+} // namespace
+
+TEST(Tools, ParamdServesTheExampleDeviceAndStopsWithASave)
+{
+    test::TempDir dir;
+    Paramd d(dir.rw());
+    ASSERT_TRUE(d.wait_serving()) << d.output();
+
+    Result r = run(kBin + "paramctl --json raw '{\"msg_type\":\"get\",\"msg_name\":\"t\",\"msg_id\":9}'");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(test::compact(r.out), R"({"msg_name":"t","msg_id":9})");
+
+    r = run(kBin + "paramctl get video0 bitRate");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("msg_name = \"paramctl\""), std::string::npos) << r.out;
+
+    r = run(kBin + "paramctl api getStatus nothing");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("Invalid API command"), std::string::npos);
+
+    EXPECT_EQ(d.stop(SIGTERM), 0);
+    std::string out = d.output();
+    EXPECT_NE(out.find("stopping (signal 15): saving every module"), std::string::npos) << out;
+    EXPECT_NE(out.find("paramd: stopped"), std::string::npos) << out;
+}
+
+TEST(Tools, ParamctlTimesOutClearlyWithoutServer)
+{
+    Result r = run(kBin + "paramctl --timeout 200 get video0");
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.out.find("no reply from 127.0.0.1:6800 within 200 ms"), std::string::npos) << r.out;
+}
+
+TEST(Tools, UsageErrorsAndHelp)
+{
+    Result r = run(kBin + "paramd --ro /nonexistent/dir");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("read-only directory '/nonexistent/dir' does not exist"), std::string::npos) << r.out;
+
+    r = run(kBin + "paramd");
+    EXPECT_EQ(r.status, 2);
+    r = run(kBin + "paramd --help");
+    EXPECT_EQ(r.status, 0);
+    for (const char* flag : {"--ro", "--rw", "--map", "--log-level", "--conf-save"})
+        EXPECT_NE(r.out.find(flag), std::string::npos) << flag;
+
+    for (const char* cmd : {"get", "set", "post", "api", "raw"}) {
+        r = run(kBin + "paramctl " + cmd + " --help");
+        EXPECT_EQ(r.status, 0) << cmd;
+        EXPECT_NE(r.out.find(std::string("usage: paramctl [options] ") + cmd), std::string::npos) << r.out;
+    }
+    r = run(kBin + "paramctl set video0 novalue");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.out.find("expected member=value"), std::string::npos);
+    r = run(kBin + "paramctl frobnicate");
+    EXPECT_EQ(r.status, 2);
+}
