@@ -338,10 +338,82 @@ PARA_API int para_save_af(char* parse_name);
 /* ======================== END audio / af ================================ */
 
 /* ======================== BEGIN www / client ============================ */
+/* Protocol converter "www" (the web server's form requests). */
 PARA_API int para_init_www(void);
+PARA_API void para_exit_www(void);
 PARA_API void* para_convert_www_opt(char* in, char* err_msg, int err_msg_buf_size);
 PARA_API char* para_reverse_convert_www_opt(void* json);
+
+/* Client role: every changed value travels as one raw st_data record (76
+ * bytes, native byte order) to 127.0.0.1:6800. Names and text are
+ * zero-padded and carry no terminator of their own; a text longer than 32
+ * bytes is cut to 32. */
+typedef struct st_data {
+    int32_t type;    /* 0: number in value; 1: text in string */
+    int32_t chn;     /* instance of the module (stream, ISP) */
+    int32_t value;
+    char mod[16];    /* "video", "audio", "isp" */
+    char member[16];
+    char string[32];
+} st_data;
+
+/* Start of a shared map: the header, then num maps of size bytes each. */
+typedef struct dov_share_head_s {
+    int32_t flag; /* 1 once the main application has published the module */
+    int32_t num;
+    int32_t size;
+} dov_share_head_s;
+
+/* Share module numbers 0..PARA_SHARE_MODULES-1; which module each number
+ * stands for is agreed between the main application and its clients. The
+ * map of module n is the POSIX shared memory object "/para_share_<n>"
+ * (PARA_SHARE_NAME_FMT), created by the main application through
+ * para_share_publish and opened read-write by para_share_register. */
+#define PARA_SHARE_MODULES 4
+#define PARA_SHARE_NAME_FMT "/para_share_%d"
+
+/* (module, member) of every value a client can send, as the datagram
+ * carries them; each pair gets a _number and a _string sender. Member
+ * names fit 15 characters, so they always arrive terminated. */
+#define PARA_SHARE_MEMBERS(X)                                                              \
+    X(video, protocol) X(video, size) X(video, frameRate) X(video, qfactor)                \
+    X(video, rcMode) X(video, bitRate) X(video, gop) X(video, profile)                     \
+    X(video, sliceMode) X(video, sliceSize)                                                \
+    X(audio, audioEnable) X(audio, adtsFlag) X(audio, aeFormat) X(audio, sampleRate)       \
+    X(audio, streamRate) X(audio, audioInput) X(audio, volLeftIn) X(audio, volRightIn)     \
+    X(isp, exposure_mode) X(isp, shutter) X(isp, iris) X(isp, bright)                      \
+    X(isp, expcomp_mode) X(isp, expcomp_level) X(isp, backlight) X(isp, gain_limit)        \
+    X(isp, manual_gain) X(isp, antiflicker) X(isp, meter) X(isp, wb_mode)                  \
+    X(isp, awb_sens) X(isp, rgain) X(isp, bgain) X(isp, rgain_tuning)                      \
+    X(isp, bgain_tuning) X(isp, ggain_tuning) X(isp, saturation) X(isp, skin_saturation)   \
+    X(isp, hue) X(isp, temperature) X(isp, luminance) X(isp, contrast)                     \
+    X(isp, sharpness) X(isp, blackwhite_mode) X(isp, gamma) X(isp, style)                  \
+    X(isp, drc) X(isp, nr2d) X(isp, nr3d)
+
+/* Both always return 0: a lost datagram is not reported. */
+#define PARA_SHARE_DECLARE(mod, member)                                                    \
+    PARA_API int para_set_share_##mod##_##member##_number(int chn, int val);               \
+    PARA_API int para_set_share_##mod##_##member##_string(int chn, const char* str);
+PARA_SHARE_MEMBERS(PARA_SHARE_DECLARE)
+
+/* Opens the sending socket (once per process) and sets the destination. */
+PARA_API void Send_Initial(void);
+/* 0 when the main application published module mod (then the sending
+ * socket is ready too); -1 for a bad number or an unpublished module. */
+PARA_API int para_share_register(int mod);
+/* Map mapIdx (from 1) of a registered module, or NULL. */
+PARA_API void* para_get_share_map(int mod, int mapIdx);
 PARA_API int para_client_init(void);
+/* Main application side: creates (or reuses) the shared memory object of
+ * module mod with num maps of size bytes, zeroes it, fills the header and
+ * returns its start (NULL on bad arguments or failure). Calling it again
+ * with the same geometry returns the same mapping. */
+PARA_API void* para_share_publish(int mod, int num, int size);
+/* Clears the header's flag and removes the object's name; clients that
+ * mapped it keep their memory but no longer register. 0 or -1. */
+PARA_API int para_share_unpublish(int mod);
+PARA_API extern void* g_shareMap;
+PARA_API extern unsigned int g_shareMapLen;
 /* ======================== END www / client ============================== */
 
 #ifdef __cplusplus

@@ -116,7 +116,9 @@ TEST(Configure, ParsesBothLineFormsAndReadsBackWhatItWrites)
     EXPECT_NE(s->get(s, "name", small, sizeof small), 0);
     EXPECT_STREQ(small, "cam");
     configure_free(s);
-    EXPECT_EQ(configure_parse(configure_init(), nullptr, (dir.path() + "/none").c_str()), -1);
+    configure* empty = configure_init();
+    EXPECT_EQ(configure_parse(empty, nullptr, (dir.path() + "/none").c_str()), -1);
+    configure_free(empty);
 }
 
 TEST(Configure, LoopToBufferStopsWhenFull)
