@@ -169,12 +169,94 @@ PARA_API int para_get_odm_string_safe(char* key, char* buf, int size);
 /* ======================== END stores ==================================== */
 
 /* ======================== BEGIN video =================================== */
+/* Members of a typed module are listed once, X(member, kind, name table),
+ * kind being named (the value indexes the name table) or num (a plain
+ * number, table null_stream); every per-member family is stamped from it. */
+#define PARA_VIDEO_MEMBERS(X)        \
+    X(protocol, named, protocol)     \
+    X(size, named, size)             \
+    X(frameRate, num, null_stream)   \
+    X(qfactor, num, null_stream)     \
+    X(rcMode, named, rcMode)         \
+    X(bitRate, num, null_stream)     \
+    X(gop, num, null_stream)         \
+    X(profile, named, profile)       \
+    X(sliceEn, num, null_stream)     \
+    X(sliceMode, num, null_stream)   \
+    X(sliceSize, num, null_stream)
+
+/* x only for named members. */
+#define PARA_TYPED_IF_NAMED_named(x) x
+#define PARA_TYPED_IF_NAMED_num(x)
+#define PARA_TYPED_IF_NAMED(kind, x) PARA_TYPED_IF_NAMED_##kind(x)
+#define PARA_TYPED_FIELD(M, kind, table) int32_t M;
+
+#define PARA_VIDEO_STREAMS 6
+
+typedef struct dov_video_param_s {
+    PARA_VIDEO_MEMBERS(PARA_TYPED_FIELD)
+} dov_video_param_s;
+
+PARA_API extern dov_video_param_s para_video_min[PARA_VIDEO_STREAMS];
+PARA_API extern dov_video_param_s para_video_max[PARA_VIDEO_STREAMS];
+PARA_API extern dov_video_param_s para_video_def[PARA_VIDEO_STREAMS];
+PARA_API extern dov_video_param_s para_video_cur[PARA_VIDEO_STREAMS];
+PARA_API extern dov_video_param_s para_video_init[PARA_VIDEO_STREAMS];
+PARA_API extern dov_video_param_s para_video_exist[PARA_VIDEO_STREAMS];
+PARA_API extern int g_num_stream;
+PARA_API extern struct timespec video_item_start_time;
+
+/* Name tables; a named member stores the index of its name. */
+PARA_API extern const char* const protocol[3];
+PARA_API extern const char* const size[47];
+PARA_API extern const char* const rcMode[5];
+PARA_API extern const char* const profile[4];
+PARA_API extern const char* const null_stream[1];
+
+/* Picture size by name; flag -1 fits any flag, 1 is the 50 Hz variant. */
+typedef struct image_size_s {
+    const char* name;
+    int flag;
+    int w;
+    int h;
+} image_size_s;
+PARA_API extern const image_size_s size_name[43];
+
+#define PARA_VIDEO_DECL(M, kind, table)                                        \
+    PARA_API int para_get_video_##M##_min(int stream);                         \
+    PARA_API int para_get_video_##M##_max(int stream);                         \
+    PARA_API int para_get_video_##M##_def(int stream);                         \
+    PARA_API int para_get_video_##M##_init(int stream);                        \
+    PARA_API int para_get_video_##M##_cur(int stream);                         \
+    PARA_API int _para_set_video_##M##_cur(int stream, int val);               \
+    PARA_API int para_set_video_##M##_cur(int stream, int val);                \
+    PARA_API int para_get_video_##M##_num(char* str);                          \
+    PARA_API int get_range_param_##M(cJSON* json);                             \
+    PARA_API int get_def_param_##M(cJSON* json);                               \
+    PARA_API int get_cur_param_##M(cJSON* json);                               \
+    PARA_TYPED_IF_NAMED(kind, PARA_API const char* para_get_video_##M##_str(int index); \
+                        PARA_API int para_set_video_##M##_cur_bystr(int index, char* str);)
+PARA_VIDEO_MEMBERS(PARA_VIDEO_DECL)
+
 PARA_API int para_init_video(char* parse_name);
 PARA_API int para_set_video_opt(char* req_name, void* jsonIn, char* parse_name);
 PARA_API int para_get_video_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
 PARA_API int para_need_save_video(char* parse_name);
 PARA_API int para_save_video(char* parse_name);
 PARA_API void para_set_video_save_param_time(int ms);
+PARA_API int save_cur_video_param_delay(int msec);
+PARA_API int para_get_video_streamNum(void);
+PARA_API int check_video_num(cJSON* json);
+PARA_API void _parse_video_range_json(cJSON* json);
+PARA_API void _parse_video_def_json(cJSON* json);
+PARA_API void _parse_video_cur_json(cJSON* json);
+PARA_API int para_get_video_member(char* memberName, int chn, int* val, char** valString);
+PARA_API int para_set_video_member(char* memberName, int chn, int val, char* valString);
+PARA_API cJSON* Create_Json_Video_Object(int i);
+PARA_API void video_page(void);
+PARA_API int para_get_video_size_byname(const char* name, int flag, int* w, int* h);
+PARA_API void para_video_enum(const char* value, void* argv);
+PARA_API void para_video_size_enum(const char* value, void* argv);
 /* ======================== END video ===================================== */
 
 /* ======================== BEGIN isp ===================================== */

@@ -1,0 +1,498 @@
+/* Engine of the typed modules (video, audio, focus/zoom).
+ *
+ * A module describes its members once (key, place in the record, name
+ * table, kind) and points at its six record arrays; everything below works
+ * on those descriptions and plain int32 records, so the modules only stamp
+ * one-line wrappers. Private to the library. */
+#ifndef PARA_TYPED_H
+#define PARA_TYPED_H
+
+#include "para_internal.h"
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <mutex>
+
+/* Kind tokens of the member tables as booleans. */
+#define PARA_TYPED_IS_NAMED_named true
+#define PARA_TYPED_IS_NAMED_num false
+#define PARA_TYPED_IS_NAMED(kind) PARA_TYPED_IS_NAMED_##kind
+
+/* One descriptor row for member M of record type T. */
+#define PARA_TYPED_ROW_N(T, M, names, count, named, setter)                           \
+    {#M, static_cast<int>(offsetof(T, M) / sizeof(int32_t)), names, count, named,     \
+     reinterpret_cast<void*>(&setter)}
+#define PARA_TYPED_ROW(T, M, kind, table, setter)                                     \
+    PARA_TYPED_ROW_N(T, M, table, static_cast<int>(sizeof(table) / sizeof(table[0])), \
+                     PARA_TYPED_IS_NAMED(kind), setter)
+
+namespace para::typed {
+
+constexpr int kExistNumber = 0x81;
+constexpr int kExistName = 0x101;
+constexpr int kBitNumber = 0x80;
+constexpr int kBitName = 0x100;
+constexpr int kNoName = -1000;
+
+struct Member {
+    const char* key;
+    int field;                /* int32 index inside the record */
+    const char* const* names; /* null: names are not understood */
+    int name_count;
+    bool named;
+    void* setter; /* the public setter, handed to the member callback */
+};
+
+enum Rec { kMin, kMax, kDef, kCur, kInit, kExist, kRecKinds };
+enum FileKind { kRange, kDefault, kCurrent };
+
+struct Module {
+    const char* title; /* first line of the log dump */
+    const Member* members;
+    int count;
+    const int* order; /* key order of objects and files; null: record order */
+    int32_t* rec[kRecKinds];
+    int stride;         /* int32 per record */
+    int records;        /* records per kind */
+    int* streams;       /* records in use */
+    const char* stream_key; /* "video%d": files and objects keyed per stream; null: flat */
+    const char* files[3];   /* range, default (read-only dir), current (read-write dir) */
+    /* Focus/zoom flavour: numbers only, exist 0/1, getters and setter skip
+     * the existence test, range containers not type-tested, file failures
+     * not logged. */
+    bool plain;
+    bool write_by_prefix;   /* by-name writes: name begins with key (else exact) */
+    int missing_kind_result; /* by-name write to a member without its kind bit */
+    ChangeState* change;
+    struct timespec* stamp;
+    std::atomic<int>* delay_ms;
+    void (*notify)(void* setter, int stream, int value);
+    void (**page)(void* json); /* the profile's page callback slot, or null */
+    std::mutex* mu;
+};
+
+/* The application's threads and the worker both reach the records; the
+ * module mutex keeps single accesses whole. Callbacks run without it. */
+using Lock = std::lock_guard<std::mutex>;
+
+inline bool valid(const Module& m, int s)
+{
+    return s >= 0 && s < m.records && s < *m.streams;
+}
+
+inline int32_t& at(const Module& m, Rec r, int s, const Member& mb)
+{
+    return m.rec[r][s * m.stride + mb.field];
+}
+
+inline const char* name_of(const Member& mb, int index)
+{
+    return mb.names && index >= 0 && index < mb.name_count ? mb.names[index] : nullptr;
+}
+
+inline int lookup_num(const Member& mb, const char* str)
+{
+    return name_lookup_num(str, mb.names, mb.name_count);
+}
+
+inline int find_member(const Module& m, const char* name, bool by_prefix)
+{
+    if (!name)
+        return -1;
+    for (int i = 0; i < m.count; ++i)
+        if (by_prefix ? starts_with(name, m.members[i].key) : same(name, m.members[i].key))
+            return i;
+    return -1;
+}
+
+inline int get_locked(const Module& m, const Member& mb, Rec r, int s)
+{
+    if (!valid(m, s))
+        return -1;
+    if ((r == kCur || r == kInit) && !m.plain && at(m, kExist, s, mb) == 0)
+        return -1;
+    return at(m, r, s, mb);
+}
+
+inline int get(const Module& m, int idx, Rec r, int s)
+{
+    Lock lk(*m.mu);
+    return get_locked(m, m.members[idx], r, s);
+}
+
+inline int set_locked(const Module& m, const Member& mb, int s, int val)
+{
+    if (!valid(m, s) || (!m.plain && at(m, kExist, s, mb) == 0))
+        return 0;
+    if (val < at(m, kMin, s, mb) || val > at(m, kMax, s, mb) || val == at(m, kCur, s, mb))
+        return 0;
+    at(m, kCur, s, mb) = val;
+    m.change->mark();
+    stamp_to_timespec(m.change->stamp_ms.load(), m.stamp);
+    return 1;
+}
+
+inline int set_internal(const Module& m, int idx, int s, int val)
+{
+    Lock lk(*m.mu);
+    return set_locked(m, m.members[idx], s, val);
+}
+
+/* Stores through the internal setter and tells the application. */
+inline int set_public(const Module& m, int idx, int s, int val)
+{
+    if (set_internal(m, idx, s, val) == 1 && m.notify)
+        m.notify(m.members[idx].setter, s, val);
+    return 0;
+}
+
+/* The whole name must fit; the public setter decides the rest. */
+inline int set_by_exact_name(const Module& m, int idx, int s, const char* str)
+{
+    const Member& mb = m.members[idx];
+    int i = name_index_exact(str, mb.names, mb.name_count);
+    if (i < 0)
+        return -1;
+    set_public(m, idx, s, i);
+    return 0;
+}
+
+/* ---- loading ------------------------------------------------------------ */
+
+/* The object holding record s of a parsed file, or null. */
+inline const cJSON* record_object(const Module& m, const cJSON* json, int s)
+{
+    if (!cJSON_IsObject(json))
+        return nullptr;
+    if (!m.stream_key)
+        return json;
+    char key[32];
+    std::snprintf(key, sizeof key, m.stream_key, s);
+    const cJSON* obj = cJSON_GetObjectItem(json, key);
+    return cJSON_IsObject(obj) ? obj : nullptr;
+}
+
+/* A file value: texts by the last matching name (false when none fits),
+ * anything else by its integer form. */
+inline bool item_value(const Module& m, const Member& mb, const cJSON* item, int* out,
+                       bool* by_name)
+{
+    *by_name = false;
+    if (!m.plain && cJSON_IsString(item)) {
+        int i = name_match_last(item->valuestring, mb.names, mb.name_count);
+        if (i < 0)
+            return false;
+        *out = i;
+        *by_name = true;
+        return true;
+    }
+    *out = json_int(item);
+    return true;
+}
+
+inline void load_item(const Module& m, const Member& mb, FileKind fk, const cJSON* item, int s)
+{
+    int v = 0;
+    bool by_name = false;
+    switch (fk) {
+    case kRange:
+        if ((m.plain || cJSON_IsArray(item)) && cJSON_GetArraySize(item) > 1) {
+            if (item_value(m, mb, cJSON_GetArrayItem(item, 0), &v, &by_name))
+                at(m, kMin, s, mb) = v;
+            if (item_value(m, mb, cJSON_GetArrayItem(item, 1), &v, &by_name))
+                at(m, kMax, s, mb) = v;
+        }
+        break;
+    case kDefault:
+        if (item_value(m, mb, item, &v, &by_name)) {
+            at(m, kDef, s, mb) = v;
+            at(m, kExist, s, mb) = m.plain ? 1 : by_name ? kExistName : kExistNumber;
+        }
+        break;
+    case kCurrent:
+        if (item_value(m, mb, item, &v, &by_name))
+            at(m, kCur, s, mb) = v;
+        break;
+    }
+}
+
+/* One member from a parsed file, for every record in use. */
+inline int load_member(const Module& m, int idx, FileKind fk, const cJSON* json)
+{
+    Lock lk(*m.mu);
+    const Member& mb = m.members[idx];
+    for (int s = 0; valid(m, s); ++s) {
+        const cJSON* obj = record_object(m, json, s);
+        if (const cJSON* item = obj ? cJSON_GetObjectItem(obj, mb.key) : nullptr)
+            load_item(m, mb, fk, item, s);
+    }
+    return 0;
+}
+
+inline void load_all(const Module& m, FileKind fk, const cJSON* json)
+{
+    for (int i = 0; i < m.count; ++i)
+        load_member(m, i, fk, json);
+}
+
+/* Range, default and current file. count_records, when given, sets the
+ * number of records in use from the parsed range file. 0, or -1 when the
+ * range or default file cannot be read or parsed (what was loaded stays). */
+inline int load_files(const Module& m, int (*count_records)(cJSON*))
+{
+    char range[PARA_PATH_MAX], def[PARA_PATH_MAX], cur[PARA_PATH_MAX];
+    make_path(range, para_profile.param_rofile_dir, m.files[0]);
+    make_path(def, para_profile.param_rofile_dir, m.files[1]);
+    make_path(cur, para_profile.param_rwfile_dir, m.files[2]);
+    {
+        Lock lk(*m.mu);
+        std::memset(m.rec[kExist], 0, sizeof(int32_t) * m.stride * m.records);
+    }
+
+    bool unreadable = false;
+    JsonPtr json = load_json_file(range, &unreadable, "\n\n");
+    if (!json) {
+        if (unreadable && !m.plain)
+            PARA_LOG(PARA_INFO, "Error range def buf\n\n");
+        return -1;
+    }
+    if (count_records) {
+        Lock lk(*m.mu);
+        *m.streams = count_records(json.get());
+    }
+    load_all(m, kRange, json.get());
+
+    json = load_json_file(def, &unreadable, "\n\n");
+    if (!json) {
+        if (unreadable && !m.plain)
+            PARA_LOG(PARA_INFO, "Error read def buf\n\n");
+        return -1;
+    }
+    load_all(m, kDefault, json.get());
+    load_all(m, kCurrent, json.get());
+
+    bool applied = false;
+    if (cur[0] && access(cur, F_OK) == 0) {
+        json = load_json_file(cur, &unreadable, "\n\n");
+        if (json) {
+            load_all(m, kCurrent, json.get());
+            applied = true;
+        } else if (unreadable && !m.plain) {
+            PARA_LOG(PARA_INFO, "Error read cur buf\n\n");
+        }
+    }
+    PARA_LOG(PARA_INFO, "parse_ok:%d\n", applied ? 1 : 0);
+
+    Lock lk(*m.mu);
+    std::memcpy(m.rec[kInit], m.rec[kCur], sizeof(int32_t) * m.stride * m.records);
+    return 0;
+}
+
+/* ---- members as JSON ------------------------------------------------------ */
+
+inline const Member& ordered(const Module& m, int k)
+{
+    return m.members[m.order ? m.order[k] : k];
+}
+
+/* Existing members of record s as in the current file: named members by
+ * name (left out when the value has none), numeric members as numbers. */
+inline void add_members_locked(const Module& m, int s, cJSON* obj)
+{
+    for (int k = 0; k < m.count; ++k) {
+        const Member& mb = ordered(m, k);
+        if (!valid(m, s) || at(m, kExist, s, mb) == 0)
+            continue;
+        int v = at(m, kCur, s, mb);
+        if (mb.named) {
+            if (const char* name = name_of(mb, v))
+                cJSON_AddStringToObject(obj, mb.key, name);
+        } else {
+            cJSON_AddNumberToObject(obj, mb.key, v);
+        }
+    }
+}
+
+inline void add_members(const Module& m, int s, cJSON* obj)
+{
+    Lock lk(*m.mu);
+    add_members_locked(m, s, obj);
+}
+
+inline cJSON* members_object(const Module& m, int s)
+{
+    cJSON* obj = cJSON_CreateObject();
+    add_members(m, s, obj);
+    return obj;
+}
+
+/* Whole current file: one object per record in use, or the flat object. */
+inline cJSON* file_object(const Module& m)
+{
+    cJSON* root = cJSON_CreateObject();
+    Lock lk(*m.mu);
+    if (!m.stream_key) {
+        add_members_locked(m, 0, root);
+        return root;
+    }
+    for (int s = 0; valid(m, s); ++s) {
+        char key[32];
+        std::snprintf(key, sizeof key, m.stream_key, s);
+        cJSON* obj = cJSON_CreateObject();
+        add_members_locked(m, s, obj);
+        cJSON_AddItemToObject(root, key, obj);
+    }
+    return root;
+}
+
+/* Reads one member by its exact key: the exist word (0 unknown, absent or
+ * invalid record), *val the current value (-1 absent or invalid record),
+ * *valString the name of a named member given by name, else null. */
+inline int get_member(const Module& m, const char* name, int s, int* val, char** valString)
+{
+    int idx = find_member(m, name, false);
+    if (idx < 0)
+        return 0;
+    const Member& mb = m.members[idx];
+    Lock lk(*m.mu);
+    if (val)
+        *val = get_locked(m, mb, kCur, s);
+    if (!valid(m, s))
+        return 0;
+    int exist = at(m, kExist, s, mb);
+    if (mb.named && valString)
+        *valString = const_cast<char*>(exist & kBitName ? name_of(mb, at(m, kCur, s, mb)) : nullptr);
+    return exist;
+}
+
+/* Writes one member by name: 1 stored, 0 refused or unknown name, and the
+ * module's missing-kind result when the member lacks the bit of its kind. */
+inline int set_member(const Module& m, const char* name, int s, int val, const char* valString)
+{
+    int idx = find_member(m, name, m.write_by_prefix);
+    if (idx < 0)
+        return 0;
+    const Member& mb = m.members[idx];
+    Lock lk(*m.mu);
+    if (!valid(m, s) || !(at(m, kExist, s, mb) & (mb.named ? kBitName : kBitNumber)))
+        return m.missing_kind_result;
+    if (mb.named) {
+        val = valString ? lookup_num(mb, valString) : kNoName;
+        if (val == kNoName)
+            return 0; // no name fits: never a value, whatever the range
+    }
+    return set_locked(m, mb, s, val);
+}
+
+/* ---- requests ----------------------------------------------------------- */
+
+/* Get request on record s: ["all"] (or one text beginning with "all") for
+ * every existing member, else the listed members. Anything but an array of
+ * names (the whole message of a reading post, say) gets no reply. */
+inline void get_request(const Module& m, const cJSON* item, int s, void** jsonOut, int level)
+{
+    if (!jsonOut)
+        return;
+    if (!cJSON_IsArray(item)) {
+        PARA_LOG(level, "leave\n");
+        return;
+    }
+    const cJSON* first = item->child;
+    if (first && !first->next && cJSON_IsString(first) && starts_with(first->valuestring, "all")) {
+        *jsonOut = members_object(m, s);
+        return;
+    }
+    cJSON* reply = cJSON_CreateObject();
+    for (const cJSON* c = item->child; c; c = c->next) {
+        if (!cJSON_IsString(c))
+            continue;
+        int idx = find_member(m, c->valuestring, false);
+        if (idx < 0)
+            continue;
+        const Member& mb = m.members[idx];
+        Lock lk(*m.mu);
+        int exist = valid(m, s) ? at(m, kExist, s, mb) : 0;
+        if (!exist)
+            continue;
+        int v = at(m, kCur, s, mb);
+        if (mb.named && (exist & kBitName)) {
+            if (const char* name = name_of(mb, v))
+                cJSON_AddStringToObject(reply, mb.key, name);
+        } else {
+            cJSON_AddNumberToObject(reply, mb.key, v);
+        }
+    }
+    *jsonOut = reply;
+    PARA_LOG(level, "leave\n");
+}
+
+/* Set request on record s: every child through the by-name write; one page
+ * callback when anything was stored. */
+inline bool set_request(const Module& m, const cJSON* item, int s)
+{
+    bool stored = false;
+    for (const cJSON* c = item ? item->child : nullptr; c; c = c->next) {
+        const char* text = cJSON_IsString(c) ? c->valuestring : nullptr;
+        if (set_member(m, c->string, s, json_int(c), text) == 1)
+            stored = true;
+    }
+    if (stored && m.page && *m.page)
+        (*m.page)(const_cast<cJSON*>(item));
+    return stored;
+}
+
+/* ---- saving ----------------------------------------------------------- */
+
+inline int need_save(const Module& m)
+{
+    return m.change->due(m.delay_ms ? m.delay_ms->load() : 2000) ? 1 : 0;
+}
+
+/* Writes the current file. The flag is cleared before the snapshot, so a
+ * change that lands while writing is saved by the next sweep. */
+inline int save(const Module& m)
+{
+    m.change->take();
+    JsonPtr tree(file_object(m));
+    char path[PARA_PATH_MAX];
+    if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
+        return 0;
+    return write_json_file(path, tree.get());
+}
+
+inline int save_delay(const Module& m, int msec)
+{
+    if (msec < 0)
+        msec = m.delay_ms ? m.delay_ms->load() : 2000;
+    if (m.change->due(msec))
+        save(m);
+    return 0;
+}
+
+/* ---- log dump --------------------------------------------------------- */
+
+/* Per-stream modules list their existing members per stream; flat modules
+ * list every member (an absent one with its getter's value). */
+inline void dump(const Module& m)
+{
+    PARA_LOG(PARA_INFO, "%s", m.title);
+    Lock lk(*m.mu);
+    for (int s = 0; valid(m, s); ++s) {
+        if (m.stream_key)
+            PARA_LOG(PARA_INFO, "stream_%d param:\n", s + 1);
+        for (int i = 0; i < m.count; ++i) {
+            const Member& mb = m.members[i];
+            if (m.stream_key && at(m, kExist, s, mb) == 0)
+                continue;
+            PARA_LOG(PARA_INFO, "%16s : cur:[%d],\tdef:[%d],\trange:[%d,%d]\n", mb.key,
+                     get_locked(m, mb, kCur, s), at(m, kDef, s, mb), at(m, kMin, s, mb),
+                     at(m, kMax, s, mb));
+        }
+    }
+    PARA_LOG(PARA_INFO, "--------------------------------\n\n");
+}
+
+} // namespace para::typed
+
+#endif
