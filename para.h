@@ -140,6 +140,108 @@ PARA_API int para_set_conf_opt(char* req_name, void* jsonIn, char* parse_name);
 PARA_API int para_get_conf_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
 PARA_API int para_need_save_conf(char* parse_name);
 PARA_API int para_save_conf(char* parse_name);
+
+/* .conf modules: key = value text files without ranges. */
+PARA_API int para_init_single_conf(char* parse_name);
+PARA_API char* para_conf_get_member(const char* file_name, const char* key);
+PARA_API int para_conf_get_member_safe(const char* file_name, const char* key, char* buf, int size);
+PARA_API int para_conf_get_def_member_safe(const char* file_name, const char* key, char* buf, int size);
+PARA_API int _para_conf_set_member(const char* file_name, const char* key, const char* text);
+PARA_API int para_conf_set_member(const char* file_name, const char* key, const char* text);
+PARA_API int para_conf_need_update(char* file_name);
+PARA_API int para_conf_key_IsChanged(const char* file_name, const char** keys, uint8_t count);
+PARA_API int para_save_conf_2_buf(const char* file_name, char* buf, int size);
+PARA_API void Create_Json_4_conf_Object(cJSON* json, int is_def, const char* file_name);
+
+/* JSON-described modules: a range file plus default and current stores. */
+typedef struct loop_json_s {
+    cJSON* json;
+    const char* parse_name;
+} loop_json_s;
+
+PARA_API int peek_array_enum_type(cJSON* array);
+PARA_API int peek_json_enum_type(const char* file_name, const char* key);
+PARA_API char* para_get_json_emum_str(const char* file_name, const char* key, int index);
+PARA_API int para_get_json_enum_index(const char* file_name, const char* key, const char* name);
+PARA_API int para_get_json_item_number(const char* file_name, cJSON* item, const char* key);
+PARA_API char* para_get_item_str(cJSON* item);
+PARA_API int para_get_json_min(const char* file_name, const char* key);
+PARA_API int para_get_json_max(const char* file_name, const char* key);
+PARA_API int para_get_json_def(const char* file_name, const char* key);
+PARA_API int para_get_json_cur(const char* file_name, const char* key);
+PARA_API int para_get_json_string(const char* file_name, const char* key, char* buf, int size);
+PARA_API int para_set_json_cur_str(const char* file_name, const char* key, const char* name);
+PARA_API int para_set_json_cur_number(const char* file_name, const char* key, int number);
+PARA_API int _para_set_json_cur(const char* file_name, const char* key, int value);
+PARA_API int para_set_json_cur(const char* file_name, const char* key, int value);
+PARA_API int para_save_misc_conf_2_buf(const char* file_name, char* buf, int size);
+PARA_API void Create_Json_Misc_Object(const char* file_name, cJSON* json, int is_def);
+
+/* JSON helpers shared by the modules. */
+PARA_API void cJSON_Print_safe(cJSON* json);
+PARA_API void cJSON_Print2_safe(cJSON* json, const char* dbg_msg);
+PARA_API int json_object_get_int(cJSON* item);
+PARA_API char* json_object_get_string(cJSON* item);
+PARA_API int json_object_load_number(cJSON* obj, const char* key, int* value);
+PARA_API int json_object_load_u8_array(cJSON* obj, const char* key, uint8_t* buf, int size);
+PARA_API int json_object_load_string(cJSON* obj, const char* key, char** buf, const char* def);
+
+/* "misc": both file layouts. */
+PARA_API int para_init_misc_legacy(char* file_name, configure** cur, configure** def, cJSON** range);
+PARA_API int para_save_misc_legacy(char* file_name, configure* cur);
+PARA_API cJSON* fix_old_misc_range_conf(cJSON* old_range);
+PARA_API int fix_old_misc_def_cur_conf(const char* path, configure* store);
+PARA_API void para_init_misc_legacy_test(void);
+
+/* Members of "misc" with functions of their own: X(member, kind), kind being
+ * number or name (a name member's value is an index into its range list). */
+#define PARA_MISC_MEMBERS(X) \
+    X(mirror, number)        \
+    X(flip, number)          \
+    X(vi_framerate, number)  \
+    X(ezoom_limit, number)   \
+    X(lock, number)          \
+    X(osdmirror, number)     \
+    X(freeze, number)        \
+    X(dvimode, number)       \
+    X(videoformat, number)   \
+    X(language, number)      \
+    X(viewsetting, number)   \
+    X(tipicon, number)       \
+    X(hdmivideoformat, name) \
+    X(ViStrategy, name)      \
+    X(ndi_mode, name)
+
+#define PARA_MISC_DECL_name(m)                                   \
+    PARA_API char* para_get_misc_##m##_str(int index);           \
+    PARA_API int para_get_misc_##m##_num(const char* name);      \
+    PARA_API int para_set_misc_##m##_cur_bystr(const char* name);
+#define PARA_MISC_DECL_number(m)
+#define PARA_MISC_DECL(m, kind)                 \
+    PARA_API int para_get_misc_##m##_min(void); \
+    PARA_API int para_get_misc_##m##_max(void); \
+    PARA_API int para_get_misc_##m##_def(void); \
+    PARA_API int para_get_misc_##m##_cur(void); \
+    PARA_API int para_set_misc_##m##_cur(int value); \
+    PARA_MISC_DECL_##kind(m)
+PARA_MISC_MEMBERS(PARA_MISC_DECL)
+
+/* Named accessors of .conf modules: X(function suffix, module). */
+#define PARA_CONF_MEMBER_GETTERS(X) \
+    X(overlay, "overlay")           \
+    X(netport, "netport")           \
+    X(ndi_config, "ndi_config")
+#define PARA_CONF_CHANGE_QUERIES(X) \
+    X(netport, "netport")           \
+    X(ndi, "ndi_config")            \
+    X(devinfo, "devinfo")
+#define PARA_CONF_DECL_GETTER(f, module) PARA_API char* para_get_##f##_member(const char* key);
+#define PARA_CONF_DECL_QUERY(f, module) \
+    PARA_API int para_key_IsChanged_##f(const char** keys, uint8_t count);
+PARA_CONF_MEMBER_GETTERS(PARA_CONF_DECL_GETTER)
+PARA_CONF_CHANGE_QUERIES(PARA_CONF_DECL_QUERY)
+PARA_API int para_need_update_netport(void);
+
 /* Factory (ODM) overrides. */
 PARA_API int para_init_odm(char* parse_name);
 PARA_API void para_init_stage2_odm(char* parse_name);

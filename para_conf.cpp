@@ -1,8 +1,434 @@
-#include "para_internal.h"
+/* .conf modules: plain key = value files with no ranges (network port,
+ * overlay, ...). Defaults come from the read-only directory, current values
+ * are read over them from the read-write directory and written back whole. */
+#include "para_stores.h"
 
-// Placeholder until the module lands: keeps the handler table linkable.
-extern "C" int para_init_conf(char*){return 0;}
-extern "C" int para_set_conf_opt(char*,void*,char*){return 0;}
-extern "C" int para_get_conf_opt(char*,void*,void**,char*){return 0;}
-extern "C" int para_need_save_conf(char*){return 0;}
-extern "C" int para_save_conf(char*){return 0;}
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kConfSlots = 64;
+constexpr int kSaveDelayMs = 2000;
+
+struct conf_S {
+    /* Swapped by reloads on the deferred-work thread while host threads and
+     * the worker read them, hence atomic. */
+    std::atomic<configure*> def_conf{nullptr};
+    std::atomic<configure*> conf{nullptr};
+    char file_name[para::kSlotNameSize];
+    para::ChangeState change;
+};
+
+conf_S conf_list[kConfSlots];
+int init_cnt;
+
+/* Serialises loads and reloads (start-up, the deferred work, direct calls). */
+std::mutex load_mu;
+/* Stores of unloaded modules. Never freed: a reader may still hold one, or a
+ * text pointer into one (para_conf_get_member). Unloading is rare. */
+std::vector<configure*> retired_stores;
+
+int check_conf_list(const char* name)
+{
+    return para::find_slot_by(kConfSlots, name, [](int i) { return conf_list[i].file_name; });
+}
+
+configure* current_store(const char* name, int* slot = nullptr)
+{
+    int s = check_conf_list(name);
+    if (slot)
+        *slot = s;
+    return s < 0 ? nullptr : conf_list[s].conf.load();
+}
+
+void reload_work(const char* value, void* argv)
+{
+    /* The record names its module in argv; the queue's text is only a
+     * fallback for records registered without one. */
+    const char* name = argv ? static_cast<const char*>(argv) : value;
+    if (name)
+        para_conf_need_update(const_cast<char*>(name));
+}
+
+/* A key that would not read back as itself from a .conf line (a '=' would
+ * split it, a leading '#' or ';' makes a comment, outer blanks are trimmed)
+ * could overwrite another key's value at the next start. */
+bool key_round_trips(const char* key)
+{
+    if (!key || !*key || std::strchr(key, '=') || key[0] == '#' || key[0] == ';')
+        return false;
+    size_t n = std::strlen(key);
+    auto blank = [](char c) { return c == ' ' || c == '\t'; };
+    return !blank(key[0]) && !blank(key[n - 1]);
+}
+
+int collect_key(void* argv, const char* key, const char*)
+{
+    static_cast<std::vector<std::string>*>(argv)->emplace_back(key);
+    return 0;
+}
+
+/* Defaults, then the read-write file over them. A key the read-write file
+ * sets is not first put back to its default: on a reload that would mark it
+ * changed (and show the default for a moment) although its value stays. */
+void parse_layers(configure* cur, const char* ro, const char* rw)
+{
+    configure* over = configure_init();
+    configure* defs = configure_init();
+    std::vector<std::string> keep;
+    bool filtered = false;
+    if (configure_parse(over, nullptr, rw) == 0 && configure_parse(defs, nullptr, ro) == 0) {
+        std::vector<std::string> all;
+        defs->loop(defs, collect_key, &all);
+        for (auto& k : all)
+            if (!over->getparameter(over, k.c_str()))
+                keep.push_back(std::move(k));
+        filtered = keep.size() <= UINT8_MAX;
+    }
+    if (filtered) {
+        std::vector<const char*> names;
+        for (auto& k : keep)
+            names.push_back(k.c_str());
+        config_keys* list = config_keys_format(names.data(), static_cast<uint8_t>(names.size()));
+        configure_parse(cur, list, ro);
+        free(list);
+    } else {
+        configure_parse(cur, nullptr, ro);
+    }
+    configure_parse(cur, nullptr, rw);
+    configure_free(over);
+    configure_free(defs);
+}
+
+int get_text(configure* store, const char* key, char* buf, int size)
+{
+    if (!store)
+        return -1;
+    return store->get(store, key, buf, size);
+}
+
+int add_string_item(void* json, const char* key, const char* value)
+{
+    cJSON_AddItemToObject(static_cast<cJSON*>(json), key, cJSON_CreateString(value));
+    return 0;
+}
+
+} // namespace
+
+namespace para {
+
+void copy_slot_name(char (&dst)[kSlotNameSize], const char* name)
+{
+    size_t n = name ? strnlen(name, kSlotNameMax) : 0;
+    std::memcpy(dst, name ? name : "", n);
+    dst[n] = '\0';
+}
+
+int write_conf_file(const char* path, configure* store, bool lock)
+{
+    int lock_fd = -1;
+    if (lock) {
+        lock_fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (lock_fd < 0) {
+            PARA_LOG(PARA_ERR, "open %s fail", path);
+            return 0;
+        }
+        flock(lock_fd, LOCK_EX);
+    }
+    char tmp[PARA_PATH_MAX + 8];
+    std::snprintf(tmp, sizeof tmp, "%s.tmp", path);
+    bool renaming = true;
+    FILE* f = std::fopen(tmp, "wb");
+    if (f) {
+        struct stat st{};
+        if (stat(path, &st) == 0)
+            fchmod(fileno(f), st.st_mode & 07777);
+    } else {
+        /* Directory closed to new files: fall back to rewriting in place. */
+        renaming = false;
+        f = std::fopen(path, "wb");
+    }
+    int r = 0;
+    if (!f) {
+        PARA_LOG(PARA_ERR, "open %s fail", path);
+    } else {
+        store->loop(store, loop_2_conf, f);
+        r = std::fflush(f);
+        if (std::ferror(f))
+            r = -1;
+        std::fclose(f);
+        if (renaming) {
+            if (r == 0 && std::rename(tmp, path) != 0)
+                r = -1;
+            if (r != 0) {
+                PARA_LOG(PARA_ERR, "write %s fail", path);
+                unlink(tmp);
+            }
+        }
+    }
+    if (lock_fd >= 0) {
+        flock(lock_fd, LOCK_UN);
+        close(lock_fd);
+    }
+    return r;
+}
+
+int store_to_buf(const char* module, configure* store, char* buf, int size)
+{
+    if (!buf || size <= 0) {
+        PARA_LOG(PARA_ERR, "%s buf is not enough", module);
+        return 0;
+    }
+    std::memset(buf, 0, static_cast<size_t>(size));
+    loop_buf_s lb{buf, size, 0, 0};
+    store->loop(store, loop_2_buf, &lb);
+    if (lb.ret) {
+        PARA_LOG(PARA_ERR, "%s buf is not enough", module);
+        return 0;
+    }
+    return lb.used + 1;
+}
+
+int request_is_def(const cJSON* item)
+{
+    return item && item->string && std::strstr(item->string, "def") ? 1 : 0;
+}
+
+bool request_is_all(const cJSON* item)
+{
+    if (cJSON_GetArraySize(item) != 1)
+        return false;
+    const cJSON* first = item->child;
+    return cJSON_IsString(first) && starts_with(first->valuestring, "all");
+}
+
+} // namespace para
+
+extern "C" {
+
+int para_init_conf(char* parse_name)
+{
+    static fifo_worker work[1] = {
+        {"netport", nullptr, reload_work, const_cast<char*>("netport")}};
+    if (init_cnt == 0) {
+        for (auto& slot : conf_list) {
+            slot.def_conf = nullptr;
+            slot.conf = nullptr;
+            slot.file_name[0] = '\0';
+            slot.change.take();
+        }
+        add_fifo_work(work, 1);
+    } else if (init_cnt - 1 >= kConfSlots) {
+        PARA_LOG(PARA_ERR, "err no free conf slot for %s", parse_name ? parse_name : "");
+        return 0;
+    } else {
+        para::copy_slot_name(conf_list[init_cnt - 1].file_name, parse_name);
+        para_init_single_conf(parse_name);
+    }
+    ++init_cnt;
+    return 0;
+}
+
+int para_init_single_conf(char* parse_name)
+{
+    int s = check_conf_list(parse_name);
+    if (s < 0)
+        return -1;
+    std::lock_guard<std::mutex> lk(load_mu);
+    conf_S& slot = conf_list[s];
+    configure* def = slot.def_conf.load();
+    configure* cur = slot.conf.load();
+    bool fresh = !cur || !def;
+    if (fresh) {
+        def = configure_init();
+        cur = configure_init();
+    }
+    char ro[PARA_PATH_MAX], rw[PARA_PATH_MAX];
+    bool paths = para::make_path(ro, para_profile.param_rofile_dir, slot.file_name, ".conf") &&
+                 para::make_path(rw, para_profile.param_rwfile_dir, slot.file_name, ".conf");
+    if (!paths || configure_parse(def, nullptr, ro) != 0) {
+        PARA_LOG(PARA_INFO, "%s unloaded: %s unreadable", slot.file_name, ro);
+        slot.conf = nullptr;
+        slot.def_conf = nullptr;
+        if (fresh) {
+            configure_free(def);
+            configure_free(cur);
+        } else {
+            retired_stores.push_back(def);
+            retired_stores.push_back(cur);
+        }
+        return -1;
+    }
+    parse_layers(cur, ro, rw);
+    if (fresh) {
+        slot.def_conf = def;
+        slot.conf = cur;
+    }
+    return 0;
+}
+
+char* para_conf_get_member(const char* file_name, const char* key)
+{
+    configure* store = current_store(file_name);
+    if (!store || !key)
+        return nullptr;
+    entry* e = store->getparameter(store, key);
+    return e ? e->value : nullptr;
+}
+
+int para_conf_get_member_safe(const char* file_name, const char* key, char* buf, int size)
+{
+    configure* store = current_store(file_name);
+    return store ? get_text(store, key, buf, size) : -1;
+}
+
+int para_conf_get_def_member_safe(const char* file_name, const char* key, char* buf, int size)
+{
+    int s = check_conf_list(file_name);
+    if (s < 0 || !conf_list[s].conf.load())
+        return -1;
+    return get_text(conf_list[s].def_conf.load(), key, buf, size);
+}
+
+int _para_conf_set_member(const char* file_name, const char* key, const char* text)
+{
+    int s;
+    configure* store = current_store(file_name, &s);
+    if (!store)
+        return -1;
+    if (!key_round_trips(key)) {
+        PARA_LOG(PARA_ERR, "%s refuse key [%s]", file_name, key ? key : "");
+        return -1;
+    }
+    int r = store->put(store, key, text);
+    if (r > 0)
+        conf_list[s].change.mark();
+    return r;
+}
+
+int para_conf_set_member(const char* file_name, const char* key, const char* text)
+{
+    int r = _para_conf_set_member(file_name, key, text);
+    if (r == 1 && para_profile.conf_caller_in)
+        para_profile.conf_caller_in(const_cast<char*>(file_name), key);
+    return r;
+}
+
+int para_conf_need_update(char* file_name)
+{
+    PARA_LOG(PARA_INFO, "enter");
+    int r = para_init_single_conf(file_name);
+    if (para_profile.conf_caller)
+        para_profile.conf_caller(file_name);
+    PARA_LOG(PARA_INFO, "leave");
+    return r;
+}
+
+int para_conf_key_IsChanged(const char* file_name, const char** keys, uint8_t count)
+{
+    configure* store = current_store(file_name);
+    if (!store)
+        return -1;
+    std::unique_ptr<config_keys, para::FreeDeleter> list(config_keys_format(keys, count));
+    if (!list)
+        return 0;
+    int idx = configure_key_IsChanged(store, list.get());
+    if (idx >= 0)
+        PARA_LOG(PARA_INFO, "key id %d changed", idx);
+    return idx >= 0 ? 1 : 0;
+}
+
+int para_need_save_conf(char* parse_name)
+{
+    int s = check_conf_list(parse_name);
+    if (s < 0)
+        return -1;
+    /* An unloaded module has nothing left to write; answering 1 would have
+     * the sweep call a save that can only fail, ten times a second. */
+    if (!conf_list[s].conf.load())
+        return 0;
+    return conf_list[s].change.due(kSaveDelayMs) ? 1 : 0;
+}
+
+int para_save_conf(char* parse_name)
+{
+    if (!para_profile.conf_save)
+        return 0;
+    int s;
+    configure* store = current_store(parse_name, &s);
+    if (!store)
+        return -1;
+    conf_list[s].change.take();
+    char path[PARA_PATH_MAX];
+    if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
+        return 0;
+    para::write_conf_file(path, store, true);
+    return 0;
+}
+
+int para_save_conf_2_buf(const char* file_name, char* buf, int size)
+{
+    configure* store = current_store(file_name);
+    return store ? para::store_to_buf(file_name, store, buf, size) : -1;
+}
+
+void Create_Json_4_conf_Object(cJSON* json, int is_def, const char* file_name)
+{
+    int s = check_conf_list(file_name);
+    if (s < 0 || !json)
+        return;
+    configure* store = conf_list[s].conf.load();
+    configure* def = conf_list[s].def_conf.load();
+    if (!store)
+        return;
+    if (is_def && def)
+        store = def;
+    store->loop(store, add_string_item, json);
+}
+
+int para_get_conf_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name)
+{
+    PARA_LOG(PARA_DETAIL, "inter");
+    auto* in = static_cast<cJSON*>(jsonIn);
+    if (!jsonOut)
+        return 0;
+    cJSON* out = cJSON_CreateObject();
+    if (para::request_is_all(in)) {
+        Create_Json_4_conf_Object(out, para::request_is_def(in), parse_name);
+    } else {
+        for (cJSON* e = in ? in->child : nullptr; e; e = e->next) {
+            char text[para::kValueBuf];
+            if (cJSON_IsString(e) &&
+                para_conf_get_member_safe(parse_name, e->valuestring, text, sizeof text) == 0)
+                cJSON_AddItemToObject(out, e->valuestring, cJSON_CreateString(text));
+        }
+    }
+    *jsonOut = out;
+    PARA_LOG(PARA_DETAIL, "leave");
+    return 0;
+}
+
+int para_set_conf_opt(char* req_name, void* jsonIn, char* parse_name)
+{
+    auto* in = static_cast<cJSON*>(jsonIn);
+    bool changed = false;
+    for (cJSON* item = in ? in->child : nullptr; item; item = item->next)
+        if (cJSON_IsString(item) && item->string &&
+            _para_conf_set_member(parse_name, item->string, item->valuestring) == 1)
+            changed = true;
+    if (changed) {
+        PARA_LOG(PARA_INFO, "need_to_notify");
+        if (para_profile.conf_caller)
+            para_profile.conf_caller(parse_name);
+    }
+    return 0;
+}
+
+} // extern "C"
