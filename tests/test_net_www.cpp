@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <map>
 #include <string>
 
@@ -44,6 +49,11 @@ const char* kMapping = R"({
   "alpha": {"rate": ["rate", "N", "K"], "shared": ["shared", "N", "Greedy"], "title": ["title", "S"]},
   "beta":  {"level": ["level", "N", "P"], "shared": ["shared", "N"]}
 })";
+
+test::CommandResult paramctl(const std::string& args)
+{
+    return test::run_command(std::string(PARA_BINARY_DIR) + "/tools/paramctl " + args);
+}
 
 class WebServer : public ::testing::Test {
 protected:
@@ -99,4 +109,85 @@ TEST_F(WebServer, ErrorsAndSilentRefusals)
     r = test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"cam","data":"level=1"})");
     ASSERT_TRUE(r);
     EXPECT_EQ(*r, "result=success");
+}
+
+TEST_F(WebServer, ParamctlSpeaksForTheWebServer)
+{
+    auto w = paramctl("web set cam 'rate=1.25&title=back'");
+    EXPECT_EQ(w.status, 0) << w.out;
+    EXPECT_EQ(w.out, "result = success\n");
+    w = paramctl("web get cam");
+    EXPECT_EQ(w.status, 0) << w.out;
+    EXPECT_EQ(w.out, "rate = 1.2\ntitle = back\n");
+    w = paramctl("--json web get cam");
+    EXPECT_EQ(w.out, "rate=1.2&title=back\n");
+    w = paramctl("web get nopage");
+    EXPECT_EQ(w.status, 1);
+    EXPECT_EQ(w.out, "nopage = null\n");
+}
+
+// What a client process puts on the wire, caught where the server would be.
+TEST(ParamctlShare, SendsOneClientDatagram)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(PARA_SERVER_PORT);
+    a.sin_addr.s_addr = inet_addr("127.0.0.1");
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    auto next = [fd] {
+        pollfd p{fd, POLLIN, 0};
+        char buf[256];
+        ssize_t n = poll(&p, 1, 2000) == 1 ? recv(fd, buf, sizeof buf, 0) : -1;
+        return n < 0 ? std::string() : std::string(buf, static_cast<size_t>(n));
+    };
+
+    auto r = paramctl("share isp skin_saturation 1 50");
+    EXPECT_EQ(r.status, 0) << r.out;
+    std::string want = std::string("\0\0\0\0\1\0\0\0\x32\0\0\0isp", 15) + std::string(13, '\0') +
+                       "skin_saturation" + std::string(33, '\0');
+    EXPECT_EQ(next(), want);
+
+    r = paramctl("share video profile 0 '\"high\"'");
+    EXPECT_EQ(r.status, 0) << r.out;
+    std::string text = next();
+    ASSERT_EQ(text.size(), 76u);
+    EXPECT_EQ(text[0], 1);
+    EXPECT_EQ(text.substr(44, 5), std::string("high\0", 5));
+
+    EXPECT_EQ(paramctl("share isp nosuch 0 1").status, 2);
+    EXPECT_EQ(paramctl("share isp gamma x 1").status, 2);
+    close(fd);
+}
+
+// The web server's view of stream 0: a page read and a page write.
+TEST(WebVideo, EncodePageReadAndWrite)
+{
+    test::TempDir dir;
+    test::write_file(dir.ro() + "/www2json.json",
+                     R"({"encode":["video0"],"video0":{"bitRate":["enc_bitrate","N","K"],"gop":["enc_gop","N"]}})");
+    test::write_file(dir.ro() + "/video_range.json", R"({"video0":{"bitRate":[100,20000],"gop":[1,200]}})");
+    test::write_file(dir.ro() + "/video_def.json", R"({"video0":{"bitRate":4500,"gop":60}})");
+    dir.use_as_profile();
+    platformparam_init();
+
+    auto r = test::udp_request(R"({"msg_from":"www","msg_type":"get","msg_name":"encode"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "enc_bitrate=4.5&enc_gop=60");
+
+    r = test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"encode","data":"enc_bitrate=6&enc_gop=30"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "result=success");
+    EXPECT_EQ(para_video_cur[0].bitRate, 6000);
+    EXPECT_EQ(para_video_cur[0].gop, 30);
+
+    // Out of range: still answered with success, nothing stored.
+    r = test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"encode","data":"enc_bitrate=25"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "result=success");
+    EXPECT_EQ(para_video_cur[0].bitRate, 6000);
+    r = test::udp_request(R"({"msg_from":"www","msg_type":"get","msg_name":"encode"})");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(*r, "enc_bitrate=6&enc_gop=30");
+    platformparam_stop(1);
 }
