@@ -123,6 +123,8 @@ void register_pattern(const char* list_name, const char* default_text, const mod
     }
 }
 
+} // namespace
+
 int save_param(int force)
 {
     pthread_mutex_lock(&param_mux);
@@ -143,6 +145,8 @@ int save_param(int force)
     pthread_mutex_unlock(&param_mux);
     return 0;
 }
+
+namespace {
 
 void receive_one(int fd)
 {
