@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,14 +23,17 @@ namespace {
 #ifdef PARA_PORT_LOCK
 // Port 6800 is machine-wide: CTest's RESOURCE_LOCK only orders tests of one
 // run, so concurrent runs (several build trees) also queue on this file lock.
-struct PortLock {
-    PortLock()
+// Taken when tests run, not when CTest only lists them.
+class PortLock : public ::testing::Environment {
+public:
+    void SetUp() override
     {
         int fd = open("/tmp/para-port-6800.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
         if (fd >= 0)
             flock(fd, LOCK_EX);
     }
-} port_lock;
+};
+::testing::Environment* const port_lock = ::testing::AddGlobalTestEnvironment(new PortLock);
 #endif
 
 } // namespace
