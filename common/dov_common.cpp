@@ -311,7 +311,11 @@ bool text_ok(const char* t, bool is_key)
     size_t n = strnlen(t, CONFIGURE_TEXT_MAX);
     if (n >= CONFIGURE_TEXT_MAX || (is_key && n == 0))
         return false;
-    return strpbrk(t, "\r\n") == nullptr;
+    if (strpbrk(t, "\r\n"))
+        return false;
+    // A key must come back from its own line: no "=", no blanks at its
+    // ends (trimmed away) and no comment mark in front.
+    return !is_key || (!strchr(t, '=') && !strchr(" \t#;", t[0]) && t[n - 1] != ' ' && t[n - 1] != '\t');
 }
 
 /* A store with the arrays it outgrew: entries handed out by getparameter
@@ -469,7 +473,10 @@ int configure_parse(configure* store, const config_keys* keys, const char* path)
     ssize_t n;
     WriteLock lk(store);
     while ((n = getline(&line, &cap, f)) >= 0) {
-        std::string_view l = trim(std::string_view(line, static_cast<size_t>(n)));
+        // Entries are C texts: a NUL byte ends the line, as it would end
+        // the key or value copied out of it.
+        std::string_view l(line, static_cast<size_t>(n));
+        l = trim(l.substr(0, l.find('\0')));
         if (l.empty() || l.front() == '#' || l.front() == ';')
             continue;
         size_t eq = l.find('=');

@@ -336,11 +336,15 @@ TEST_F(Video, DefaultFileMissingLeavesRangesAndNoMembers)
 {
     test::LogCapture log;
     test::write_file(dir.ro() + "/video_range.json", kRange);
+    test::write_file(dir.rw() + "/video_cur.json", kCur);
     EXPECT_EQ(para_init_video(nullptr), -1);
     EXPECT_TRUE(log.contains("Error read def buf"));
     EXPECT_EQ(g_num_stream, 1);
     EXPECT_EQ(para_get_video_gop_max(0), 200);
     EXPECT_EQ(para_get_video_gop_cur(0), -1);
+    // A forced save must not replace the stored settings with nothing.
+    EXPECT_EQ(para_save_video(nullptr), 0);
+    EXPECT_EQ(saved(), kCur);
 }
 
 TEST_F(Video, BrokenCurrentFileFallsBackToDefaults)
@@ -353,17 +357,25 @@ TEST_F(Video, BrokenCurrentFileFallsBackToDefaults)
     EXPECT_EQ(para_get_video_gop_cur(0), 60);
 }
 
-TEST_F(Video, BrokenRangeFileAndOverlongDirectory)
+TEST_F(Video, BrokenRangeFile)
 {
     test::LogCapture log;
     test::write_file(dir.ro() + "/video_range.json", "[1,");
     EXPECT_EQ(para_init_video(nullptr), -1);
     EXPECT_TRUE(log.contains("Error before: ["));
     EXPECT_EQ(g_num_stream, 0);
+}
 
+TEST_F(Video, OverlongDirectoryIsRefused)
+{
+    test::LogCapture log;
+    example();
     std::string longdir(200, 'd');
     para_profile.param_rwfile_dir = const_cast<char*>(longdir.c_str());
-    EXPECT_EQ(para_save_video(nullptr), 0); // refused, nothing written
+    para_set_video_gop_cur(0, 9);
+    EXPECT_EQ(para_save_video(nullptr), 0);
+    EXPECT_TRUE(log.contains("path too long"));
+    EXPECT_EQ(para_need_save_video(nullptr), 0);
 }
 
 TEST(VideoTables, NameLookups)
