@@ -6,6 +6,8 @@
 #include "para_isp_internal.h"
 #include "support.h"
 
+#include <sys/stat.h>
+
 #include <string>
 #include <thread>
 #include <vector>
@@ -396,6 +398,64 @@ TEST_F(Isp, StyleDefaultMaintenance)
     EXPECT_EQ(memcmp(&para_isp_cur[0], &para_isp_def[0], sizeof(dov_isp_param_s)), 0);
     EXPECT_TRUE(g_calls.empty());
     EXPECT_EQ(para_need_save_isp(nullptr), 1); // no change for ages
+}
+
+// Factory defaults: the style index applies to both ISPs, the anti-flicker
+// default only when a current file was read.
+TEST_F(Isp, FactoryOverridesAtStartUp)
+{
+    isp_fixture::write(dir_);
+    test::write_file(dir_.ro() + "/isp1_def.json", isp_fixture::k_styles);
+    mkdir((dir_.rw() + "/persist").c_str(), 0775);
+    test::write_file(dir_.rw() + "/persist/odm.json",
+                     R"({"version": 1, "isp0_style_def": 1, "isp0_antiflicker_def": 2})");
+    ASSERT_EQ(para_init_odm(nullptr), 0);
+    ASSERT_EQ(para_init_isp(nullptr), 0);
+
+    EXPECT_EQ(para_get_isp_style_def_index(0), 1);
+    EXPECT_EQ(para_get_isp_style_def_index(1), 1);
+    // ISP 1 has no saved values: the factory style, unchanged.
+    EXPECT_EQ(para_get_isp_style_cur(1), 1);
+    EXPECT_EQ(para_get_isp_saturation_cur(1), 70);
+    EXPECT_EQ(para_get_isp_antiflicker_def(1), 2);
+    // ISP 0 saved style 0: a change against the factory default.
+    ASSERT_EQ(g_calls.size(), 1u);
+    EXPECT_EQ(g_calls[0].pipe, 0);
+    EXPECT_EQ(para_get_isp_style_def(0), 0);
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 2);
+    EXPECT_EQ(para_get_isp_antiflicker_cur(0), 1);
+    EXPECT_TRUE(isp_change_pending());
+
+    // Maintenance writes the factory store (one key for both ISPs).
+    EXPECT_EQ(para_set_isp_antiflicker_def(1, 0), 0); // absent on ISP 1
+    int v = -1;
+    EXPECT_EQ(para_get_odm_int(const_cast<char*>("isp0_antiflicker_def"), &v), 0);
+    EXPECT_EQ(v, 2);
+    EXPECT_EQ(para_set_isp_antiflicker_def(0, 0), 0);
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 0);
+    EXPECT_EQ(para_set_isp_style_def(0, 1), 0);
+    EXPECT_EQ(para_get_odm_int(const_cast<char*>("isp0_antiflicker_def"), &v), 0);
+    EXPECT_EQ(v, 0);
+    EXPECT_EQ(para_get_odm_int(const_cast<char*>("isp0_style_def"), &v), 0);
+    EXPECT_EQ(v, 1);
+    // "vivid" names no anti-flicker; the start-up copy of the factory value
+    // is applied again, not the one just stored.
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 2);
+    EXPECT_EQ(para_get_isp_saturation_def(0), 70);
+}
+
+TEST_F(Isp, FactoryAntiflickerNeedsCurrentFile)
+{
+    isp_fixture::write(dir_, isp_fixture::k_range, isp_fixture::k_styles, "");
+    mkdir((dir_.rw() + "/persist").c_str(), 0775);
+    test::write_file(dir_.rw() + "/persist/odm.json", R"({"isp0_antiflicker_def": 2})");
+    ASSERT_EQ(para_init_odm(nullptr), 0);
+    ASSERT_EQ(para_init_isp(nullptr), 0);
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 1);
+    dov_isp_param_s def = para_isp_def[0];
+    EXPECT_EQ(parse_isp_def_odm(0, &def), 0);
+    EXPECT_EQ(def.antiflicker, 2);
+    EXPECT_EQ(parse_isp_def_odm(0, nullptr), -1);
 }
 
 // The current file selects "vivid": its values become the defaults, the
