@@ -100,8 +100,6 @@ static_assert(is_column_order(k_read_order, &MemberInfo::file), "reader order");
 static_assert(is_column_order(k_out_order, &MemberInfo::out), "output order");
 static_assert(is_column_order(k_dump_order, &MemberInfo::set), "dump order");
 
-const char* const k_null_stream[] = {"null"};
-
 constexpr int k_exist_numeric = 0x80;
 constexpr int k_save_delay_ms = 2000;
 constexpr const char* k_range_file = "isp_range.json";
@@ -229,7 +227,7 @@ int request_isp(const char* key, const char* suffix, int limit)
         read_member(READ_##kind, ISP_##m, json, p0, p1);                                  \
     }
 #define ISP_DEF_FILE(m)                                                                        \
-    int para_get_isp_##m##_num(char* str) { return para::name_lookup_num(str, k_null_stream, 1); } \
+    int para_get_isp_##m##_num(char* str) { return para::name_lookup_num(str, null_stream, 1); } \
     PARA_ISP_READ_KINDS(ISP_DEF_READ, m)
 #define ISP_DEF(m, file, set, out) PARA_ISP_IF_##file(ISP_DEF_FILE(m)) PARA_ISP_IF_##set(ISP_DEF_SET(m))
 PARA_ISP_MEMBERS(ISP_DEF)

@@ -6,8 +6,9 @@
 #include "para_isp_internal.h"
 #include "support.h"
 
+#include <sys/stat.h>
+
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -18,18 +19,15 @@ struct Call {
 };
 std::vector<Call> g_calls;
 int g_pages = 0;
-std::string g_page_item;
 
 void on_member(void* setter, int pipe, int value)
 {
     g_calls.push_back({setter, pipe, value});
 }
 
-void on_page(void* json)
+void on_page(void*)
 {
     ++g_pages;
-    para::CharPtr t(cJSON_PrintUnformatted(static_cast<cJSON*>(json)));
-    g_page_item = t.get();
 }
 
 std::string printed(const cJSON* json)
@@ -78,7 +76,6 @@ protected:
         isp_fixture::write(dir_);
         ASSERT_EQ(para_init_isp(nullptr), 0);
     }
-    std::string rw(const char* name) const { return dir_.rw() + "/" + name; }
 
     test::TempDir dir_;
 };
@@ -117,28 +114,6 @@ TEST_F(Isp, WorkedExampleStartUp)
     EXPECT_FALSE(isp_change_pending());
     EXPECT_TRUE(g_calls.empty());
     EXPECT_EQ(para_init_isp(nullptr), 0); // started once only
-}
-
-TEST_F(Isp, RequestTableOfTheWorkedExample)
-{
-    start_example();
-
-    set("isp0", R"({"shutter": 9})");
-    EXPECT_EQ(g_pages, 0);
-    EXPECT_FALSE(isp_change_pending());
-
-    EXPECT_EQ(get("isp0", R"(["shutter", "iris"])"), R"({"shutter":9})");
-    EXPECT_EQ(get("isp0_def", R"(["all"])"), isp_fixture::k_def_all);
-    EXPECT_EQ(get("isp0", R"(["all"])"), isp_fixture::k_cur_all);
-
-    set("isp0", R"({"shutter": 12, "rgain": 300})");
-    EXPECT_EQ(para_get_isp_shutter_cur(0), 12);
-    EXPECT_EQ(para_get_isp_rgain_cur(0), 130);
-    EXPECT_EQ(g_pages, 1);
-    EXPECT_EQ(g_page_item, R"({"shutter":12,"rgain":300})");
-    EXPECT_TRUE(g_calls.empty()); // requests notify through the page only
-    EXPECT_TRUE(isp_change_pending());
-    EXPECT_GT(isp_item_start_time.tv_sec + isp_item_start_time.tv_nsec, 0);
 }
 
 TEST_F(Isp, GetRequestVariants)
@@ -398,11 +373,69 @@ TEST_F(Isp, StyleDefaultMaintenance)
     EXPECT_EQ(para_need_save_isp(nullptr), 1); // no change for ages
 }
 
-// The current file selects "vivid": its values become the defaults, the
-// style change calls back during start-up and is saved about 2 s later.
-TEST_F(Isp, NonDefaultSavedStyleIsRewrittenAfterStartUp)
+// Factory defaults: the style index applies to both ISPs, the anti-flicker
+// default only when a current file was read.
+TEST_F(Isp, FactoryOverridesAtStartUp)
 {
-    isp_fixture::write(dir_, R"({"isp0": {"style": [0, 3], "shutter": [0, 16], "saturation": [0, 100]}})",
+    isp_fixture::write(dir_);
+    test::write_file(dir_.ro() + "/isp1_def.json", isp_fixture::k_styles);
+    mkdir((dir_.rw() + "/persist").c_str(), 0775);
+    test::write_file(dir_.rw() + "/persist/odm.json",
+                     R"({"version": 1, "isp0_style_def": 1, "isp0_antiflicker_def": 2})");
+    ASSERT_EQ(para_init_odm(nullptr), 0);
+    ASSERT_EQ(para_init_isp(nullptr), 0);
+
+    EXPECT_EQ(para_get_isp_style_def_index(0), 1);
+    EXPECT_EQ(para_get_isp_style_def_index(1), 1);
+    // ISP 1 has no saved values: the factory style, unchanged.
+    EXPECT_EQ(para_get_isp_style_cur(1), 1);
+    EXPECT_EQ(para_get_isp_saturation_cur(1), 70);
+    EXPECT_EQ(para_get_isp_antiflicker_def(1), 2);
+    // ISP 0 saved style 0: a change against the factory default.
+    ASSERT_EQ(g_calls.size(), 1u);
+    EXPECT_EQ(g_calls[0].pipe, 0);
+    EXPECT_EQ(para_get_isp_style_def(0), 0);
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 2);
+    EXPECT_EQ(para_get_isp_antiflicker_cur(0), 1);
+    EXPECT_TRUE(isp_change_pending());
+
+    // Maintenance writes the factory store (one key for both ISPs).
+    EXPECT_EQ(para_set_isp_antiflicker_def(1, 0), 0); // absent on ISP 1
+    int v = -1;
+    EXPECT_EQ(para_get_odm_int(const_cast<char*>("isp0_antiflicker_def"), &v), 0);
+    EXPECT_EQ(v, 2);
+    EXPECT_EQ(para_set_isp_antiflicker_def(0, 0), 0);
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 0);
+    EXPECT_EQ(para_set_isp_style_def(0, 1), 0);
+    EXPECT_EQ(para_get_odm_int(const_cast<char*>("isp0_antiflicker_def"), &v), 0);
+    EXPECT_EQ(v, 0);
+    EXPECT_EQ(para_get_odm_int(const_cast<char*>("isp0_style_def"), &v), 0);
+    EXPECT_EQ(v, 1);
+    // "vivid" names no anti-flicker; the start-up copy of the factory value
+    // is applied again, not the one just stored.
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 2);
+    EXPECT_EQ(para_get_isp_saturation_def(0), 70);
+}
+
+TEST_F(Isp, FactoryAntiflickerNeedsCurrentFile)
+{
+    isp_fixture::write(dir_, isp_fixture::k_range, isp_fixture::k_styles, "");
+    mkdir((dir_.rw() + "/persist").c_str(), 0775);
+    test::write_file(dir_.rw() + "/persist/odm.json", R"({"isp0_antiflicker_def": 2})");
+    ASSERT_EQ(para_init_odm(nullptr), 0);
+    ASSERT_EQ(para_init_isp(nullptr), 0);
+    EXPECT_EQ(para_get_isp_antiflicker_def(0), 1);
+    dov_isp_param_s def = para_isp_def[0];
+    EXPECT_EQ(parse_isp_def_odm(0, &def), 0);
+    EXPECT_EQ(def.antiflicker, 2);
+    EXPECT_EQ(parse_isp_def_odm(0, nullptr), -1);
+}
+
+// The current file selects "vivid": its values become the defaults and the
+// style change calls back during start-up (the network test sees the save).
+TEST_F(Isp, NonDefaultSavedStyleBecomesTheDefaults)
+{
+    isp_fixture::write(dir_, R"({"isp0": {"style": [0, 3], "shutter": [0, 16]}})",
                        isp_fixture::k_styles, R"({"isp0": {"style": 1, "shutter": 9}})");
     ASSERT_EQ(para_init_isp(nullptr), 0);
     ASSERT_EQ(g_calls.size(), 1u);
@@ -413,19 +446,8 @@ TEST_F(Isp, NonDefaultSavedStyleIsRewrittenAfterStartUp)
     EXPECT_EQ(para_get_isp_saturation_cur(0), 70);
     EXPECT_EQ(para_get_isp_shutter_def(0), 6); // from the default style first
     EXPECT_EQ(para_get_isp_shutter_cur(0), 9);
-
+    EXPECT_TRUE(isp_change_pending());
     EXPECT_EQ(para_need_save_isp(nullptr), 0);
-    ASSERT_TRUE(test::wait_until([] { return para_need_save_isp(nullptr) == 1; }, 3000));
-    EXPECT_EQ(para_save_isp(nullptr), 0);
-    EXPECT_EQ(para_need_save_isp(nullptr), 0);
-    EXPECT_FALSE(isp_change_pending());
-
-    auto saved = test::read_file(rw("isp_cur.json"));
-    ASSERT_TRUE(saved);
-    ASSERT_FALSE(saved->empty());
-    EXPECT_EQ(saved->back(), '\0');
-    EXPECT_EQ(test::compact(saved->c_str()),
-              R"({"isp0":{"style":1,"exposure_mode":0,"shutter":9,"antiflicker":1,"wb_mode":0,"rgain":128,"rgain_tuning":50,"saturation":70,"contrast":60,"sharpness":55}})");
 }
 
 TEST_F(Isp, OutOfRangeSavedStyleKeepsDefaultStyleValues)
@@ -467,26 +489,16 @@ TEST_F(Isp, SavedFileLoadsBack)
     EXPECT_TRUE(isp_change_pending()); // the style differs from the default
 }
 
-TEST_F(Isp, BrokenFiles)
-{
-    {
-        test::LogCapture log(6);
-        EXPECT_EQ(para_init_isp(nullptr), -1); // no range file: silent
-        EXPECT_FALSE(log.contains("Error before"));
-        EXPECT_EQ(para_init_isp(nullptr), 0);  // never retried
-    }
-    EXPECT_EQ(para_isp_exist[0].style, 0);
-    EXPECT_EQ(para_get_isp_style_def_index(0), 0);
-    EXPECT_EQ(get("isp0", R"(["all"])"), "");
-}
-
 TEST_F(Isp, BadRangeFile)
 {
     isp_fixture::write(dir_, "{\"isp0\": [", isp_fixture::k_styles, isp_fixture::k_cur);
     test::LogCapture log(6);
     EXPECT_EQ(para_init_isp(nullptr), -1);
     EXPECT_TRUE(log.contains("Error before: ["));
+    EXPECT_EQ(para_init_isp(nullptr), 0); // never retried
     EXPECT_FALSE(log.contains("find style"));
+    EXPECT_EQ(para_isp_exist[0].style, 0);
+    EXPECT_EQ(get("isp0", R"(["all"])"), "");
 }
 
 TEST_F(Isp, BadCurrentFileFallsBackToStyle)
@@ -519,16 +531,10 @@ TEST_F(Isp, StyleFileWithoutListOrWithBadStyleKey)
     EXPECT_EQ(para_get_isp_shutter_def(1), 2);
 }
 
-TEST_F(Isp, SaveWritesOnlyRangedIspsWithTrailingNul)
+// An unwritable file still clears the flag.
+TEST_F(Isp, UnwritableSaveClearsTheFlag)
 {
     start_example();
-    EXPECT_EQ(para_save_isp(nullptr), 0);
-    auto saved = test::read_file(rw("isp_cur.json"));
-    ASSERT_TRUE(saved);
-    EXPECT_EQ(saved->back(), '\0');
-    EXPECT_EQ(test::compact(saved->c_str()), std::string("{\"isp0\":") + isp_fixture::k_cur_all + "}");
-
-    // An unwritable file still clears the flag.
     para_set_isp_shutter_cur(0, 1);
     std::string bad = dir_.path() + "/missing";
     para_profile.param_rwfile_dir = const_cast<char*>(bad.c_str());

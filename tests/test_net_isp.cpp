@@ -91,17 +91,6 @@ TEST_F(NetIsp, PostFormNeitherReadsNorWrites)
     EXPECT_EQ(g_pages, 0);
 }
 
-TEST_F(NetIsp, RequestChangeIsSavedByTheSweep)
-{
-    start();
-    ASSERT_EQ(ask(R"({"msg_type":"set","msg_id":1,"isp0":{"rgain":200}})"), R"({"msg_id":1})");
-    ASSERT_TRUE(test::wait_until([&] { return saved().find("\"rgain\":\t200") != std::string::npos; }, 4000))
-        << saved();
-    EXPECT_EQ(saved().back(), '\0');
-    EXPECT_EQ(test::compact(saved().c_str()),
-              R"({"isp0":{"style":0,"exposure_mode":2,"shutter":9,"antiflicker":1,"wb_mode":0,"rgain":200,"rgain_tuning":50}})");
-}
-
 // A saved style other than the default one is itself an unsaved change:
 // the file is rewritten about two seconds after start-up.
 TEST_F(NetIsp, NonDefaultSavedStyleIsRewrittenAfterStartUp)
