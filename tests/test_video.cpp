@@ -273,17 +273,6 @@ TEST_F(Video, SavedFileEndsInNulAndLoadsBack)
     EXPECT_EQ(para_get_video_rcMode_cur(0), 3);
 }
 
-TEST_F(Video, LoadsNulTerminatedCurrentFile)
-{
-    test::LogCapture log;
-    files(kRange, kDef, nullptr);
-    test::write_file(dir.rw() + "/video_cur.json",
-                     std::string("{\"video0\": {\"gop\": 77}}") + '\0');
-    ASSERT_EQ(para_init_video(nullptr), 0);
-    EXPECT_TRUE(log.contains("parse_ok:1"));
-    EXPECT_EQ(para_get_video_gop_cur(0), 77);
-}
-
 TEST_F(Video, SaveWaitsForTheLastChange)
 {
     example();
@@ -311,17 +300,6 @@ TEST_F(Video, SaveWaitsForTheLastChange)
     // Change times are kept in whole milliseconds.
     EXPECT_GE(first_save - second, std::chrono::milliseconds(599));
     EXPECT_NE(test::compact(saved().c_str()).find("\"gop\":11"), std::string::npos);
-}
-
-TEST_F(Video, SaveNowOrAfterTheDelay)
-{
-    example();
-    para_set_video_gop_cur(0, 12);
-    EXPECT_EQ(save_cur_video_param_delay(-1), 0); // default delay not over
-    EXPECT_EQ(test::compact(saved().c_str()).find("\"gop\":12"), std::string::npos);
-    EXPECT_EQ(save_cur_video_param_delay(0), 0);
-    EXPECT_NE(test::compact(saved().c_str()).find("\"gop\":12"), std::string::npos);
-    EXPECT_EQ(para_need_save_video(nullptr), 0);
 }
 
 TEST_F(Video, LoadFailures)
