@@ -82,7 +82,68 @@ const Persisted kOdm = {
     [] { return para_need_save_odm(no_name()); },
 };
 
-const Persisted* const kModules[] = {&kVideo, &kOdm};
+/* "member=value;" for every member a getter answers. */
+#define FAULT_FLAT_STATE(M, ...) s += #M "=" + std::to_string(para_get_audio_##M##_cur()) + ";";
+#define FAULT_AF_STATE(M) s += #M "=" + std::to_string(para_get_af_##M##_cur()) + ";";
+#define FAULT_ISP_STATE_SET(m) s += #m "=" + std::to_string(para_get_isp_##m##_cur(p)) + ";";
+#define FAULT_ISP_STATE(m, file, set, out) PARA_ISP_IF_##set(FAULT_ISP_STATE_SET(m))
+
+const Persisted kAudio = {
+    "audio",
+    "audio_cur.json",
+    [] { para_init_audio(no_name()); },
+    [] {
+        std::string s;
+        PARA_AUDIO_MEMBERS(FAULT_FLAT_STATE)
+        return s;
+    },
+    [](int k) {
+        para_set_audio_audioOutVol_cur(40 + k);
+        para_set_audio_sampleRate_cur(16000 + k);
+        para_set_audio_aeFormat_cur(1 - k);
+    },
+    [] { return para_save_audio(no_name()); },
+    [] { return para_need_save_audio(no_name()); },
+};
+
+const Persisted kAf = {
+    "af",
+    "af_cur.json",
+    [] { para_init_af(no_name()); },
+    [] {
+        std::string s;
+        PARA_AF_MEMBERS(FAULT_AF_STATE)
+        return s;
+    },
+    [](int k) {
+        para_set_af_focus_value_cur(200 + k);
+        para_set_af_zoom_value_cur(50 + k);
+    },
+    [] { return para_save_af(no_name()); },
+    [] { return para_need_save_af(no_name()); },
+};
+
+const Persisted kIsp = {
+    "isp",
+    "isp_cur.json",
+    [] { para_init_isp(no_name()); },
+    [] {
+        std::string s;
+        for (int p = 0; p < PARA_ISP_NUM; ++p) {
+            PARA_ISP_MEMBERS(FAULT_ISP_STATE)
+        }
+        return s;
+    },
+    [](int k) {
+        para_set_isp_bright_cur(0, 30 + k);
+        para_set_isp_hue_cur(1, 60 + k);
+        para_set_isp_temperature_cur(1, 3000 + k);
+    },
+    [] { return para_save_isp(no_name()); },
+    [] { return para_need_save_isp(no_name()); },
+};
+
+const Persisted* const kModules[] = {&kVideo, &kAudio, &kAf, &kIsp, &kOdm};
 
 /* Loads in a process of its own: the test binary started again with
  * PARA_FAULT_LOAD naming the module (and the directories) prints the
@@ -207,6 +268,7 @@ protected:
         test::copy_dir_files(test::example_device_dir(), dir.ro());
         dir.use_as_profile();
         para_set_video_save_param_time(0);
+        para_set_audio_save_param_time(0);
     }
     const Persisted& m() const { return *GetParam(); }
     std::string cur_path() const { return path_of(dir.rw(), m().cur_file); }
