@@ -47,6 +47,11 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
  * trailing text) on a parse error. *unreadable tells the two failures apart. */
 JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail = "");
 
+/* The same text as cJSON_Print (formatted), byte for byte, built without
+ * the sprintf/sscanf round trip per number. Heap text, free() it; NULL when
+ * cJSON_Print would fail. */
+char* print_json(const cJSON* json);
+
 /* Formatted print + one NUL byte, written with "wb". Returns the fflush
  * result (0 ok), or 0 without writing when the file cannot be opened. */
 int write_json_file(const char* path, const cJSON* json);
