@@ -1,5 +1,6 @@
 #include "para_internal.h"
 
+#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -172,19 +173,31 @@ char* print_json(const cJSON* json)
     return text;
 }
 
-int write_json_file(const char* path, const cJSON* json)
+int write_json_file(const char* path, const cJSON* json, bool* stored)
 {
+    if (stored)
+        *stored = false;
     CharPtr text(print_json(json));
     if (!text)
         return -1;
     FILE* f = std::fopen(path, "wb");
-    if (!f)
+    if (!f) {
+        PARA_LOG(PARA_ERR, "open %s for writing: %s", path, strerror(errno));
         return 0;
+    }
     std::fwrite(text.get(), 1, std::strlen(text.get()) + 1, f);
     int r = std::fflush(f);
     if (std::ferror(f))
         r = -1;
-    std::fclose(f);
+    int err = errno;
+    if (std::fclose(f) != 0 && r == 0) {
+        err = errno;
+        r = -1;
+    }
+    if (r != 0)
+        PARA_LOG(PARA_ERR, "writing %s failed: %s", path, strerror(err));
+    else if (stored)
+        *stored = true;
     return r;
 }
 

@@ -30,8 +30,12 @@ void remove_temp_dir()
 const char* temp_dir()
 {
     if (created_dir.empty()) {
+        // Memory-backed when the machine has it: some targets write files
+        // for every input.
         const char* base = std::getenv("TMPDIR");
-        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/para-fuzz-XXXXXX";
+        if (!base || !*base)
+            base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        std::string tmpl = std::string(base) + "/para-fuzz-XXXXXX";
         if (!mkdtemp(tmpl.data())) {
             std::perror("mkdtemp");
             std::abort();
@@ -59,6 +63,15 @@ cJSON* load_example_json(const char* name)
         std::abort();
     }
     return json;
+}
+
+void write_text(const std::string& path, const std::string& text)
+{
+    FILE* f = std::fopen(path.c_str(), "wb");
+    if (!f || std::fwrite(text.data(), 1, text.size(), f) != text.size() || std::fclose(f) != 0) {
+        std::perror(path.c_str());
+        std::abort();
+    }
 }
 
 std::string as_text(const uint8_t* data, size_t size)

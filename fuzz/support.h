@@ -11,13 +11,15 @@ namespace fuzz {
 
 // Read-only directory of the example device in the source tree.
 std::string example_dir();
-// A fresh directory under TMPDIR (or /tmp), removed at exit.
+// A fresh directory under TMPDIR (else /dev/shm or /tmp), removed at exit.
 const char* temp_dir();
 // The library's log lines are off: the fuzzer's own output stays readable
 // and formatting costs nothing.
 void quiet();
 // Parsed JSON file of the example device (never null: aborts otherwise).
 cJSON* load_example_json(const char* name);
+// Writes text to path (aborts when it cannot).
+void write_text(const std::string& path, const std::string& text);
 // The input as a NUL-terminated heap copy.
 std::string as_text(const uint8_t* data, size_t size);
 
