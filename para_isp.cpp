@@ -490,13 +490,7 @@ int para_save_isp(char* parse_name)
         std::snprintf(key, sizeof key, "isp%d", i);
         cJSON_AddItemToObject(root.get(), key, Create_Json_ISPObject(i, 0));
     }
-    bool stored = false;
-    int r = para::write_json_file(path, root.get(), &stored);
-    // Not on storage (directory missing or unusable, disk full): the sweep
-    // tries again after the delay instead of leaving a cut file behind.
-    if (!stored)
-        isp_change.mark();
-    return r;
+    return para::write_json_file(path, root.get());
 }
 
 /* ---- maintenance of defaults ----------------------------------------- */
