@@ -64,3 +64,10 @@ test-aarch64: deps-aarch64
 
 clean:
 	rm -rf build build-*
+
+# Benchmarks: builds with PARA_BUILD_BENCH, starts Redis itself for the peer figure.
+bench:
+	$(MAKE) deps PACKAGES="$(PACKAGES) redis-server"
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DPARA_BUILD_BENCH=ON -DPARA_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS) --target para_bench
+	build-bench/bench/para_bench $(if $(RESULTS),--results bench/results.md)

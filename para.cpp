@@ -123,6 +123,8 @@ void register_pattern(const char* list_name, const char* default_text, const mod
     }
 }
 
+} // namespace
+
 int save_param(int force)
 {
     pthread_mutex_lock(&param_mux);
@@ -143,6 +145,8 @@ int save_param(int force)
     pthread_mutex_unlock(&param_mux);
     return 0;
 }
+
+namespace {
 
 void receive_one(int fd)
 {
@@ -257,15 +261,17 @@ extern "C" void register_para_handle_extern(module_para_handle_s* handle)
     row.get_buf = handle->get_buf;
 }
 
-// The rows "msg_name" / "msg_id" echo the request's own keys into a reply.
+// The rows "msg_name" / "msg_id" echo the request's own keys into a reply,
+// when the row's name begins with the key.
+static bool echoes(const cJSON* in, void** jsonOut, const char* parse_name)
+{
+    return in && in->string && jsonOut && parse_name && strncmp(parse_name, in->string, strlen(in->string)) == 0;
+}
+
 int para_get_msg_name_opt(char*, void* jsonIn, void** jsonOut, char* parse_name)
 {
     auto* in = static_cast<cJSON*>(jsonIn);
-    if (!in || !in->string || !jsonOut || !parse_name)
-        return 0;
-    if (strncmp(parse_name, in->string, strlen(in->string)) != 0)
-        return 0;
-    if (cJSON_IsString(in) && in->valuestring)
+    if (echoes(in, jsonOut, parse_name) && cJSON_IsString(in) && in->valuestring)
         *jsonOut = cJSON_CreateString(in->valuestring);
     return 0;
 }
@@ -273,11 +279,8 @@ int para_get_msg_name_opt(char*, void* jsonIn, void** jsonOut, char* parse_name)
 int para_get_msg_id_opt(char*, void* jsonIn, void** jsonOut, char* parse_name)
 {
     auto* in = static_cast<cJSON*>(jsonIn);
-    if (!in || !in->string || !jsonOut || !parse_name)
-        return 0;
-    if (strncmp(parse_name, in->string, strlen(in->string)) != 0)
-        return 0;
-    *jsonOut = cJSON_CreateNumber(in->valueint);
+    if (echoes(in, jsonOut, parse_name))
+        *jsonOut = cJSON_CreateNumber(in->valueint);
     return 0;
 }
 

@@ -299,12 +299,15 @@ typedef struct dov_video_param_s {
     PARA_VIDEO_MEMBERS(PARA_TYPED_FIELD)
 } dov_video_param_s;
 
-PARA_API extern dov_video_param_s para_video_min[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_max[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_def[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_cur[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_init[PARA_VIDEO_STREAMS];
-PARA_API extern dov_video_param_s para_video_exist[PARA_VIDEO_STREAMS];
+/* The parameter set: range, default, current, start-up copy, exist words. */
+#define PARA_TYPED_DECL_SET(type, prefix, dims) \
+    PARA_API extern type prefix##_min dims;     \
+    PARA_API extern type prefix##_max dims;     \
+    PARA_API extern type prefix##_def dims;     \
+    PARA_API extern type prefix##_cur dims;     \
+    PARA_API extern type prefix##_init dims;    \
+    PARA_API extern type prefix##_exist dims;
+PARA_TYPED_DECL_SET(dov_video_param_s, para_video, [PARA_VIDEO_STREAMS])
 PARA_API extern int g_num_stream;
 PARA_API extern struct timespec video_item_start_time;
 
@@ -324,18 +327,26 @@ typedef struct image_size_s {
 } image_size_s;
 PARA_API extern const image_size_s size_name[43];
 
-#define PARA_VIDEO_DECL(M, kind, table)                                        \
-    PARA_API int para_get_video_##M##_min(int stream);                         \
-    PARA_API int para_get_video_##M##_max(int stream);                         \
-    PARA_API int para_get_video_##M##_def(int stream);                         \
-    PARA_API int para_get_video_##M##_init(int stream);                        \
-    PARA_API int para_get_video_##M##_cur(int stream);                         \
-    PARA_API int _para_set_video_##M##_cur(int stream, int val);               \
-    PARA_API int para_set_video_##M##_cur(int stream, int val);                \
-    PARA_API int para_get_video_##M##_num(char* str);                          \
-    PARA_API int get_range_param_##M(cJSON* json);                             \
-    PARA_API int get_def_param_##M(cJSON* json);                               \
-    PARA_API int get_cur_param_##M(cJSON* json);                               \
+/* Declarations shared by the typed modules: GP getter parameters ("int
+ * stream" or "void"), SP what comes before a setter's value. */
+#define PARA_TYPED_STREAM_PARAM int stream,
+#define PARA_TYPED_DECL_GETTERS(tag, M, GP)                \
+    PARA_API int para_get_##tag##_##M##_min(GP);          \
+    PARA_API int para_get_##tag##_##M##_max(GP);          \
+    PARA_API int para_get_##tag##_##M##_def(GP);          \
+    PARA_API int para_get_##tag##_##M##_init(GP);         \
+    PARA_API int para_get_##tag##_##M##_cur(GP);          \
+    PARA_API int get_range_param_##M(cJSON* json);        \
+    PARA_API int get_def_param_##M(cJSON* json);          \
+    PARA_API int get_cur_param_##M(cJSON* json);
+#define PARA_TYPED_DECL_SETTERS(tag, M, SP)               \
+    PARA_API int _para_set_##tag##_##M##_cur(SP int val); \
+    PARA_API int para_set_##tag##_##M##_cur(SP int val);  \
+    PARA_API int para_get_##tag##_##M##_num(char* str);
+
+#define PARA_VIDEO_DECL(M, kind, table)                                \
+    PARA_TYPED_DECL_GETTERS(video, M, int stream)                      \
+    PARA_TYPED_DECL_SETTERS(video, M, PARA_TYPED_STREAM_PARAM)         \
     PARA_TYPED_IF_NAMED(kind, PARA_API const char* para_get_video_##M##_str(int index); \
                         PARA_API int para_set_video_##M##_cur_bystr(int index, char* str);)
 PARA_VIDEO_MEMBERS(PARA_VIDEO_DECL)
@@ -370,16 +381,87 @@ PARA_API int para_save_isp(char* parse_name);
 /* ======================== END isp ======================================= */
 
 /* ======================== BEGIN audio / af ============================== */
+/* Audio members, X(member, kind, name table) as for video. */
+#define PARA_AUDIO_MEMBERS(X)          \
+    X(audioEnable, num, null_stream)   \
+    X(aeFormat, named, aeFormat)       \
+    X(adtsFlag, num, null_stream)      \
+    X(sampleRate, num, null_stream)    \
+    X(streamRate, num, null_stream)    \
+    X(audioInput, named, audioInput)   \
+    X(volLeftIn, num, null_stream)     \
+    X(volRightIn, num, null_stream)    \
+    X(audioInputVol, num, null_stream) \
+    X(audioOut, named, audioOut)       \
+    X(audioOutVol, num, null_stream)   \
+    X(mute, num, null_stream)          \
+    X(denoise, num, null_stream)       \
+    X(agcEnable, num, null_stream)
+
+typedef struct dov_audio_param_s {
+    PARA_AUDIO_MEMBERS(PARA_TYPED_FIELD)
+} dov_audio_param_s;
+
+PARA_TYPED_DECL_SET(dov_audio_param_s, para_audio, )
+PARA_API extern struct timespec audio_item_start_time;
+
+PARA_API extern const char* const aeFormat[2];
+PARA_API extern const char* const audioInput[2];
+PARA_API extern const char* const audioOut[2];
+
+#define PARA_AUDIO_DECL(M, kind, table)          \
+    PARA_TYPED_DECL_GETTERS(audio, M, void)      \
+    PARA_TYPED_DECL_SETTERS(audio, M, )          \
+    PARA_TYPED_IF_NAMED(kind, PARA_API const char* para_get_audio_##M##_str(int index);)
+PARA_AUDIO_MEMBERS(PARA_AUDIO_DECL)
+
 PARA_API int para_init_audio(char* parse_name);
 PARA_API int para_set_audio_opt(char* req_name, void* jsonIn, char* parse_name);
 PARA_API int para_get_audio_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
 PARA_API int para_need_save_audio(char* parse_name);
 PARA_API int para_save_audio(char* parse_name);
 PARA_API void para_set_audio_save_param_time(int ms);
+PARA_API int save_cur_audio_param_delay(int msec);
+PARA_API void _parse_audio_range_json(cJSON* json);
+PARA_API void _parse_audio_def_json(cJSON* json);
+PARA_API void _parse_audio_cur_json(cJSON* json);
+PARA_API int para_get_audio_member_json(char* memberName, int* val, char** valString);
+PARA_API int para_set_audio_member_json(char* memberName, int val, char* valString);
+PARA_API void audio_page(void);
+
+/* Focus and zoom: plain numbers, X(member). struct_ver is not a member and
+ * stays 0. */
+#define PARA_AF_MEMBERS(X) \
+    X(focus_mode)          \
+    X(focus_zone)          \
+    X(focus_sens)          \
+    X(focus_value)         \
+    X(focus_lock)          \
+    X(zoom_value)
+#define PARA_AF_FIELD(M) int32_t M;
+
+typedef struct dov_af_param_s {
+    int32_t struct_ver;
+    PARA_AF_MEMBERS(PARA_AF_FIELD)
+} dov_af_param_s;
+
+PARA_TYPED_DECL_SET(dov_af_param_s, para_af, )
+PARA_API extern struct timespec af_item_start_time;
+
+#define PARA_AF_DECL(M)                 \
+    PARA_TYPED_DECL_GETTERS(af, M, void) \
+    PARA_API int para_set_af_##M##_cur(int value);
+PARA_AF_MEMBERS(PARA_AF_DECL)
+
 PARA_API int para_init_af(char* parse_name);
 PARA_API int para_get_af_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
 PARA_API int para_need_save_af(char* parse_name);
 PARA_API int para_save_af(char* parse_name);
+PARA_API void _parse_af_range_json(cJSON* json);
+PARA_API void _parse_af_def_json(cJSON* json);
+PARA_API void _parse_af_cur_json(cJSON* json);
+PARA_API int para_get_af_member_json(char* memberName, int* val, char** valString);
+PARA_API void af_page(void);
 /* ======================== END audio / af ================================ */
 
 /* ======================== BEGIN www / client ============================ */

@@ -33,7 +33,7 @@ int init_cnt;
 std::mutex load_mu;
 /* Stores of unloaded modules. Never freed: a reader may still hold one, or a
  * text pointer into one (para_conf_get_member). Unloading is rare. */
-std::vector<configure*> retired_stores;
+std::vector<configure*>* const retired_stores = new std::vector<configure*>; // outlives exit()
 
 int check_conf_list(const char* name)
 {
@@ -261,8 +261,8 @@ int para_init_single_conf(char* parse_name)
             configure_free(def);
             configure_free(cur);
         } else {
-            retired_stores.push_back(def);
-            retired_stores.push_back(cur);
+            retired_stores->push_back(def);
+            retired_stores->push_back(cur);
         }
         return -1;
     }

@@ -103,6 +103,10 @@ void register_para_handle_json_pattern(void);
 void register_para_handle_conf_pattern(void);
 int register_para_handle_extern_pattern(void);
 
+/* One save sweep: every row whose need_save answers (or every row with
+ * force), then "sync" when anything was saved. */
+int save_param(int force);
+
 int para_server_init(void);
 /* Port the server binds: 6800. Tests may set 0 (any free port) before
  * platformparam_init and ask para_server_bound_port() which one it got. */

@@ -27,6 +27,47 @@
     PARA_TYPED_ROW_N(T, M, table, static_cast<int>(sizeof(table) / sizeof(table[0])), \
                      PARA_TYPED_IS_NAMED(kind), setter)
 
+/* Member indexes k_<member> of a module (each in its own translation unit)
+ * and the six record arrays of its parameter set. */
+#define PARA_TYPED_INDEX(M, ...) k_##M,
+#define PARA_TYPED_RECORDS(prefix)                                                          \
+    {reinterpret_cast<int32_t*>(&prefix##_min), reinterpret_cast<int32_t*>(&prefix##_max),   \
+     reinterpret_cast<int32_t*>(&prefix##_def), reinterpret_cast<int32_t*>(&prefix##_cur),   \
+     reinterpret_cast<int32_t*>(&prefix##_init), reinterpret_cast<int32_t*>(&prefix##_exist)}
+
+/* Per-member function families, one line each. tag names the family
+ * (video, audio, af), mod is the module's Module, idx the member's index,
+ * GP the getter parameters ("int stream" or "void"), SP what comes before the
+ * setter's value (PARA_TYPED_STREAM_PARAM or nothing) and S the record. */
+#define PARA_TYPED_GETTERS(tag, mod, M, idx, GP, S)                                                   \
+    int para_get_##tag##_##M##_min(GP) { return para::typed::get(mod, idx, para::typed::kMin, S); }   \
+    int para_get_##tag##_##M##_max(GP) { return para::typed::get(mod, idx, para::typed::kMax, S); }   \
+    int para_get_##tag##_##M##_def(GP) { return para::typed::get(mod, idx, para::typed::kDef, S); }   \
+    int para_get_##tag##_##M##_init(GP) { return para::typed::get(mod, idx, para::typed::kInit, S); } \
+    int para_get_##tag##_##M##_cur(GP) { return para::typed::get(mod, idx, para::typed::kCur, S); }
+#define PARA_TYPED_SETTERS(tag, mod, M, idx, SP, S)                                                     \
+    int _para_set_##tag##_##M##_cur(SP int v) { return para::typed::set_internal(mod, idx, S, v); }     \
+    int para_set_##tag##_##M##_cur(SP int v) { return para::typed::set_public(mod, idx, S, v); }        \
+    int para_get_##tag##_##M##_num(char* str) { return para::typed::lookup_num(mod.members[idx], str); }
+#define PARA_TYPED_NAME_OF(tag, mod, M, idx) \
+    const char* para_get_##tag##_##M##_str(int i) { return para::typed::name_of(mod.members[idx], i); }
+#define PARA_TYPED_LOADERS(mod, M, idx)                                                                    \
+    int get_range_param_##M(cJSON* j) { return para::typed::load_member(mod, idx, para::typed::kRange, j); } \
+    int get_def_param_##M(cJSON* j) { return para::typed::load_member(mod, idx, para::typed::kDefault, j); } \
+    int get_cur_param_##M(cJSON* j) { return para::typed::load_member(mod, idx, para::typed::kCurrent, j); }
+/* The operations every typed module has, and those of a settable delay
+ * (delay: the module's std::atomic<int> of milliseconds). */
+#define PARA_TYPED_MODULE_OPS(tag, mod)                                                          \
+    void _parse_##tag##_range_json(cJSON* j) { para::typed::load_all(mod, para::typed::kRange, j); } \
+    void _parse_##tag##_def_json(cJSON* j) { para::typed::load_all(mod, para::typed::kDefault, j); } \
+    void _parse_##tag##_cur_json(cJSON* j) { para::typed::load_all(mod, para::typed::kCurrent, j); } \
+    int para_need_save_##tag(char*) { return para::typed::need_save(mod); }                       \
+    int para_save_##tag(char*) { return para::typed::save(mod); }                                 \
+    void tag##_page(void) { para::typed::dump(mod); }
+#define PARA_TYPED_DELAY_OPS(tag, mod, delay)                                              \
+    int save_cur_##tag##_param_delay(int msec) { return para::typed::save_delay(mod, msec); } \
+    void para_set_##tag##_save_param_time(int ms) { delay.store(ms); }
+
 namespace para::typed {
 
 constexpr int kExistNumber = 0x81;

@@ -67,24 +67,14 @@ para::ChangeState video_change;
 std::atomic<int> video_save_param_time{2000};
 std::mutex video_mu;
 
-enum VideoMember {
-#define PARA_VIDEO_INDEX(M, kind, table) kV_##M,
-    PARA_VIDEO_MEMBERS(PARA_VIDEO_INDEX)
-#undef PARA_VIDEO_INDEX
-        kVideoMembers
-};
+enum Index { PARA_VIDEO_MEMBERS(PARA_TYPED_INDEX) kMembers };
 
-const typed::Member video_members[kVideoMembers] = {
+const typed::Member video_members[kMembers] = {
 #define PARA_VIDEO_ROW(M, kind, table) \
     PARA_TYPED_ROW(dov_video_param_s, M, kind, table, para_set_video_##M##_cur),
     PARA_VIDEO_MEMBERS(PARA_VIDEO_ROW)
 #undef PARA_VIDEO_ROW
 };
-
-int32_t* words(dov_video_param_s* records)
-{
-    return reinterpret_cast<int32_t*>(records);
-}
 
 void notify_video(void* setter, int stream, int value)
 {
@@ -95,10 +85,9 @@ void notify_video(void* setter, int stream, int value)
 const typed::Module video = {
     "----------VIDEO PARAM-----------\n\n",
     video_members,
-    kVideoMembers,
+    kMembers,
     nullptr,
-    {words(para_video_min), words(para_video_max), words(para_video_def), words(para_video_cur),
-     words(para_video_init), words(para_video_exist)},
+    PARA_TYPED_RECORDS(para_video),
     sizeof(dov_video_param_s) / sizeof(int32_t),
     PARA_VIDEO_STREAMS,
     &g_num_stream,
@@ -134,24 +123,19 @@ int stream_of_key(const char* key, int limit)
 
 /* ---- per-member families ------------------------------------------------ */
 
-#define PARA_VIDEO_DEFINE(M, kind, table)                                                   \
-    int para_get_video_##M##_min(int s) { return typed::get(video, kV_##M, typed::kMin, s); } \
-    int para_get_video_##M##_max(int s) { return typed::get(video, kV_##M, typed::kMax, s); } \
-    int para_get_video_##M##_def(int s) { return typed::get(video, kV_##M, typed::kDef, s); } \
-    int para_get_video_##M##_init(int s) { return typed::get(video, kV_##M, typed::kInit, s); } \
-    int para_get_video_##M##_cur(int s) { return typed::get(video, kV_##M, typed::kCur, s); } \
-    int _para_set_video_##M##_cur(int s, int v) { return typed::set_internal(video, kV_##M, s, v); } \
-    int para_set_video_##M##_cur(int s, int v) { return typed::set_public(video, kV_##M, s, v); } \
-    int para_get_video_##M##_num(char* str) { return typed::lookup_num(video_members[kV_##M], str); } \
-    int get_range_param_##M(cJSON* j) { return typed::load_member(video, kV_##M, typed::kRange, j); } \
-    int get_def_param_##M(cJSON* j) { return typed::load_member(video, kV_##M, typed::kDefault, j); } \
-    int get_cur_param_##M(cJSON* j) { return typed::load_member(video, kV_##M, typed::kCurrent, j); } \
-    PARA_TYPED_IF_NAMED(kind,                                                                \
-        const char* para_get_video_##M##_str(int i) { return typed::name_of(video_members[kV_##M], i); } \
-        int para_set_video_##M##_cur_bystr(int s, char* str) { return typed::set_by_exact_name(video, kV_##M, s, str); })
+#define PARA_VIDEO_DEFINE(M, kind, table)                                        \
+    PARA_TYPED_GETTERS(video, video, M, k_##M, int stream, stream)              \
+    PARA_TYPED_SETTERS(video, video, M, k_##M, PARA_TYPED_STREAM_PARAM, stream) \
+    PARA_TYPED_LOADERS(video, M, k_##M)                                         \
+    PARA_TYPED_IF_NAMED(kind, PARA_TYPED_NAME_OF(video, video, M, k_##M)         \
+        int para_set_video_##M##_cur_bystr(int s, char* str) {                   \
+            return typed::set_by_exact_name(video, k_##M, s, str); })
 
 PARA_VIDEO_MEMBERS(PARA_VIDEO_DEFINE)
 #undef PARA_VIDEO_DEFINE
+
+PARA_TYPED_MODULE_OPS(video, video)
+PARA_TYPED_DELAY_OPS(video, video, video_save_param_time)
 
 /* ---- module operations -------------------------------------------------- */
 
@@ -171,21 +155,6 @@ int check_video_num(cJSON* json)
     }
     PARA_LOG(PARA_INFO, "check video num = %d\n", n);
     return n;
-}
-
-void _parse_video_range_json(cJSON* json)
-{
-    typed::load_all(video, typed::kRange, json);
-}
-
-void _parse_video_def_json(cJSON* json)
-{
-    typed::load_all(video, typed::kDefault, json);
-}
-
-void _parse_video_cur_json(cJSON* json)
-{
-    typed::load_all(video, typed::kCurrent, json);
 }
 
 int para_init_video(char*)
@@ -241,31 +210,6 @@ int para_set_video_opt(char*, void* jsonIn, char*)
     if (s >= 0)
         typed::set_request(video, item, s);
     return 0;
-}
-
-int para_need_save_video(char*)
-{
-    return typed::need_save(video);
-}
-
-int para_save_video(char*)
-{
-    return typed::save(video);
-}
-
-int save_cur_video_param_delay(int msec)
-{
-    return typed::save_delay(video, msec);
-}
-
-void para_set_video_save_param_time(int ms)
-{
-    video_save_param_time.store(ms);
-}
-
-void video_page(void)
-{
-    typed::dump(video);
 }
 
 /* ---- picture sizes and table dumps -------------------------------------- */

@@ -314,6 +314,28 @@ bool text_ok(const char* t, bool is_key)
     return strpbrk(t, "\r\n") == nullptr;
 }
 
+/* A store with the arrays it outgrew: entries handed out by getparameter
+ * (and the value texts inside them) must stay readable after the store
+ * grows, so outgrown arrays are kept until configure_free. */
+struct StoreImpl {
+    configure pub; // first: a configure* is a StoreImpl*
+    entry** retired;
+    uint32_t nretired;
+};
+
+bool retire_entries(configure* s)
+{
+    if (!s->list.ptr)
+        return true;
+    auto* impl = reinterpret_cast<StoreImpl*>(s);
+    void* p = realloc(impl->retired, (impl->nretired + 1) * sizeof(entry*));
+    if (!p)
+        return false;
+    impl->retired = static_cast<entry**>(p);
+    impl->retired[impl->nretired++] = s->list.ptr;
+    return true;
+}
+
 // Caller holds the write lock. mark: note the change for IsChanged.
 int put_locked(configure* s, const char* key, const char* value, bool mark)
 {
@@ -327,9 +349,15 @@ int put_locked(configure* s, const char* key, const char* value, bool mark)
     } else {
         if (s->list.used == s->list.sized) {
             uint32_t n = s->list.sized ? s->list.sized * 2 : 16;
-            void* p = realloc(s->list.ptr, n * sizeof(entry));
+            void* p = malloc(n * sizeof(entry));
             if (!p)
                 return -1;
+            if (!retire_entries(s)) {
+                free(p);
+                return -1;
+            }
+            if (s->list.used)
+                memcpy(p, s->list.ptr, s->list.used * sizeof(entry));
             s->list.ptr = static_cast<entry*>(p);
             s->list.sized = n;
         }
@@ -418,7 +446,7 @@ extern "C" {
 
 configure* configure_init(void)
 {
-    auto* s = static_cast<configure*>(calloc(1, sizeof(configure)));
+    auto* s = static_cast<configure*>(calloc(1, sizeof(StoreImpl)));
     if (!s)
         return nullptr;
     pthread_rwlock_init(&s->lock, nullptr);
@@ -467,6 +495,10 @@ void configure_free(configure* store)
         return;
     pthread_rwlock_destroy(&store->lock);
     free(store->list.ptr);
+    auto* impl = reinterpret_cast<StoreImpl*>(store);
+    for (uint32_t i = 0; i < impl->nretired; ++i)
+        free(impl->retired[i]);
+    free(impl->retired);
     free(store);
 }
 

@@ -128,7 +128,9 @@ struct configure {
      * longer than 255 bytes, value longer than 255 bytes or holding a line
      * break, which no .conf line could carry). */
     int (*put)(configure* store, const char* key, const char* value);
-    /* The entry inside the store, or NULL; valid until the next put. */
+    /* The entry inside the store, or NULL. It stays readable until
+     * configure_free, though after the store grew it no longer follows
+     * later puts. */
     entry* (*getparameter)(configure* store, const char* key);
 };
 

@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include <gtest/gtest.h>
+
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -7,6 +9,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,14 +23,17 @@ namespace {
 #ifdef PARA_PORT_LOCK
 // Port 6800 is machine-wide: CTest's RESOURCE_LOCK only orders tests of one
 // run, so concurrent runs (several build trees) also queue on this file lock.
-struct PortLock {
-    PortLock()
+// Taken when tests run, not when CTest only lists them.
+class PortLock : public ::testing::Environment {
+public:
+    void SetUp() override
     {
         int fd = open("/tmp/para-port-6800.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
         if (fd >= 0)
             flock(fd, LOCK_EX);
     }
-} port_lock;
+};
+::testing::Environment* const port_lock = ::testing::AddGlobalTestEnvironment(new PortLock);
 #endif
 
 } // namespace
@@ -214,6 +220,21 @@ bool wait_until(const std::function<bool()>& pred, int timeout_ms)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return pred();
+}
+
+CommandResult run_command(const std::string& cmd)
+{
+    CommandResult r{-1, ""};
+    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
+    if (!p)
+        return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
 }
 
 std::string compact(const std::string& json_text)

@@ -67,6 +67,14 @@ int udp_send(const std::string& bytes, int port = PARA_SERVER_PORT);
 // Polls pred every 10 ms until it holds or timeout passes.
 bool wait_until(const std::function<bool()>& pred, int timeout_ms);
 
+// Runs a shell command; its stdout and stderr together, and its exit status
+// (-1 when it did not exit normally).
+struct CommandResult {
+    int status;
+    std::string out;
+};
+CommandResult run_command(const std::string& cmd);
+
 // Compact form of a JSON text (parse + print unformatted), "" if not JSON.
 std::string compact(const std::string& json_text);
 

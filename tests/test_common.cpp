@@ -169,6 +169,22 @@ TEST(Configure, ChangedKeysAfterReparse)
     configure_free(s);
 }
 
+TEST(Configure, EntriesHandedOutSurviveGrowth)
+{
+    configure* s = configure_init();
+    s->put(s, "ip", "10.0.0.1");
+    entry* held = s->getparameter(s, "ip");
+    ASSERT_NE(held, nullptr);
+    for (int i = 0; i < 100; ++i) // several reallocations of the entry array
+        s->put(s, ("k" + std::to_string(i)).c_str(), "v");
+    EXPECT_STREQ(held->value, "10.0.0.1"); // a freed array fails here under ASan
+    char buf[16];
+    ASSERT_EQ(s->get(s, "ip", buf, sizeof buf), 0);
+    EXPECT_STREQ(buf, "10.0.0.1");
+    EXPECT_EQ(s->list.used, 101u);
+    configure_free(s);
+}
+
 TEST(Configure, ConcurrentWritersAndReaders)
 {
     configure* s = configure_init();

@@ -14,24 +14,11 @@ namespace {
 
 const std::string kBin = std::string(PARA_BINARY_DIR) + "/tools/";
 
-struct Result {
-    int status;
-    std::string out;
-};
+using Result = test::CommandResult;
 
 Result run(const std::string& cmd)
 {
-    Result r{-1, ""};
-    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-    if (!p)
-        return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+    return test::run_command(cmd);
 }
 
 class Paramd {

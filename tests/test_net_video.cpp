@@ -1,6 +1,6 @@
 // Video module behind the message server: real datagrams to port 6800.
-#include "para_internal.h"
 #include "support.h"
+#include "typed_support.h"
 
 #include <gtest/gtest.h>
 
@@ -45,17 +45,11 @@ protected:
         para_profile.video_page_caller = on_page;
         para_profile.video_caller = on_member;
         platformparam_set_save_param_time(2000, 300);
-        platformparam_init();
-        // Another process holding the port would answer in our place.
-        ASSERT_EQ(para_server_bound_port(), PARA_SERVER_PORT);
+        typed_test::start_server();
     }
     void TearDown() override { platformparam_stop(1); }
 
-    static std::string ask(const std::string& request)
-    {
-        auto r = test::udp_request(request);
-        return r ? test::compact(*r) : "(no reply)";
-    }
+    static std::string ask(const std::string& request) { return typed_test::ask(request); }
 
     test::TempDir dir;
 };

@@ -1,102 +1,119 @@
-// Web-form requests through the running server: real datagrams to 6800.
+// Web-form requests through the running server, and the client datagram
+// that paramctl sends: real datagrams on port 6800.
 #include "para_internal.h"
 #include "support.h"
 
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 
 namespace {
 
-// Two host modules that keep whatever they are given (worker thread only).
-std::map<std::string, para::JsonPtr> g_store;
+// gop of stream 0 is greedy: the same form field also feeds stream 1.
+const char* kMapping = R"({"encode":["video0"],"both":["video0","video1"],
+  "video0":{"bitRate":["enc_bitrate","N","K"],"gop":["enc_gop","N","Greedy"]},
+  "video1":{"gop":["enc_gop","N"]}})";
 
-int store_set(char*, void* in, char* name)
-{
-    auto& slot = g_store[name];
-    if (!slot)
-        slot.reset(cJSON_CreateObject());
-    for (cJSON* m = static_cast<cJSON*>(in)->child; m; m = m->next) {
-        cJSON_DeleteItemFromObjectCaseSensitive(slot.get(), m->string);
-        cJSON_AddItemToObject(slot.get(), m->string, cJSON_Duplicate(m, 1));
-    }
-    return 0;
-}
-
-int store_get(char*, void* in, void** out, char* name)
-{
-    auto& slot = g_store[name];
-    cJSON* o = cJSON_CreateObject();
-    cJSON* want;
-    cJSON_ArrayForEach(want, static_cast<cJSON*>(in))
-    {
-        cJSON* have = slot ? cJSON_GetObjectItemCaseSensitive(slot.get(), want->valuestring) : nullptr;
-        if (have)
-            cJSON_AddItemToObject(o, want->valuestring, cJSON_Duplicate(have, 1));
-    }
-    *out = o;
-    return 0;
-}
-
-const char* kMapping = R"({
-  "cam": ["alpha", "beta"],
-  "alpha": {"rate": ["rate", "N", "K"], "shared": ["shared", "N", "Greedy"], "title": ["title", "S"]},
-  "beta":  {"level": ["level", "N", "P"], "shared": ["shared", "N"]}
-})";
-
-class WebServer : public ::testing::Test {
+class WebVideo : public ::testing::Test {
 protected:
     void SetUp() override
     {
         test::write_file(dir_.ro() + "/www2json.json", kMapping);
+        test::write_file(dir_.ro() + "/video_range.json",
+                         R"({"video0":{"bitRate":[100,20000],"gop":[1,200]},"video1":{"gop":[1,200]}})");
+        test::write_file(dir_.ro() + "/video_def.json", R"({"video0":{"bitRate":4500,"gop":60},"video1":{"gop":25}})");
         dir_.use_as_profile();
-        for (const char* name : {"alpha", "beta"}) {
-            module_para_handle_s ext{};
-            ext.parse_name = const_cast<char*>(name);
-            ext.set_buf = store_set;
-            ext.get_buf = store_get;
-            register_para_handle_extern(&ext);
-        }
         platformparam_init();
-        ASSERT_NE(para_config, nullptr);
     }
     void TearDown() override { platformparam_stop(1); }
+
+    static std::string web(const std::string& type, const std::string& page, const std::string& form = "")
+    {
+        std::string req = R"({"msg_from":"www","msg_type":")" + type + R"(","msg_name":")" + page + "\"";
+        auto r = test::udp_request(req + (form.empty() ? "" : R"(,"data":")" + form + "\"") + "}", 500);
+        return r ? *r : "<no reply>";
+    }
 
     test::TempDir dir_;
 };
 
-} // namespace
-
-TEST_F(WebServer, WriteThenReadAPage)
+test::CommandResult paramctl(const std::string& args)
 {
-    auto r = test::udp_request(
-        R"({"msg_from":"www","msg_type":"set","msg_name":"cam","data":"rate=4.5&level=3&shared=9&title=front"})");
-    ASSERT_TRUE(r);
-    EXPECT_EQ(*r, "result=success");
-
-    // The greedy field reached both modules; the marks were applied.
-    r = test::udp_request(R"({"msg_type":"get","alpha":["rate","shared","title"],"beta":["level","shared"]})");
-    ASSERT_TRUE(r);
-    EXPECT_EQ(test::compact(*r), R"({"alpha":{"rate":4500,"shared":9,"title":"front"},"beta":{"level":2,"shared":9}})");
-
-    r = test::udp_request(R"({"msg_from":"www","msg_type":"get","msg_name":"cam"})");
-    ASSERT_TRUE(r);
-    EXPECT_EQ(*r, "rate=4.5&shared=9&title=front&level=3&shared=9");
+    return test::run_command(std::string(PARA_BINARY_DIR) + "/tools/paramctl " + args);
 }
 
-TEST_F(WebServer, ErrorsAndSilentRefusals)
+} // namespace
+
+TEST_F(WebVideo, PageReadAndWrite)
 {
-    auto r = test::udp_request(R"({"msg_from":"www","msg_type":"get","msg_name":"nopage"})");
-    ASSERT_TRUE(r);
-    EXPECT_EQ(*r, "nopage=null");
-    r = test::udp_request(R"({"msg_from":"www","msg_type":"get"})");
-    ASSERT_TRUE(r);
-    EXPECT_EQ(*r, "msg_name=null");
-    EXPECT_FALSE(test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"cam","data":"ab"})", 300));
-    EXPECT_FALSE(test::udp_request(R"({"msg_from":"www","msg_type":"g","msg_name":"cam"})", 300));
-    // Still serving.
-    r = test::udp_request(R"({"msg_from":"www","msg_type":"set","msg_name":"cam","data":"level=1"})");
-    ASSERT_TRUE(r);
-    EXPECT_EQ(*r, "result=success");
+    EXPECT_EQ(web("get", "encode"), "enc_bitrate=4.5&enc_gop=60");
+    EXPECT_EQ(web("set", "encode", "enc_bitrate=6&enc_gop=30"), "result=success");
+    EXPECT_EQ(para_video_cur[0].bitRate, 6000);
+    EXPECT_EQ(para_video_cur[0].gop, 30);
+    EXPECT_EQ(para_video_cur[1].gop, 30);
+
+    // Refused by the range, still answered with success.
+    EXPECT_EQ(web("set", "encode", "enc_bitrate=25"), "result=success");
+    EXPECT_EQ(web("get", "both"), "enc_bitrate=6&enc_gop=30&enc_gop=30");
+}
+
+TEST_F(WebVideo, ErrorsAndSilentRefusals)
+{
+    EXPECT_EQ(web("get", "nopage"), "nopage=null");
+    EXPECT_EQ(test::udp_request(R"({"msg_from":"www","msg_type":"get"})").value_or(""), "msg_name=null");
+    EXPECT_EQ(web("set", "encode", "ab"), "<no reply>");
+    EXPECT_EQ(web("g", "encode"), "<no reply>");
+    EXPECT_EQ(web("set", "encode", "enc_gop=7"), "result=success");
+}
+
+TEST_F(WebVideo, ParamctlSpeaksForTheWebServer)
+{
+    auto w = paramctl("web set encode 'enc_bitrate=1.25'");
+    EXPECT_EQ(w.status, 0) << w.out;
+    EXPECT_EQ(w.out, "result = success\n");
+    w = paramctl("web get encode");
+    EXPECT_EQ(w.status, 0) << w.out;
+    EXPECT_EQ(w.out, "enc_bitrate = 1.2\nenc_gop = 60\n");
+    EXPECT_EQ(paramctl("--json web get encode").out, "enc_bitrate=1.2&enc_gop=60\n");
+    w = paramctl("web get nopage");
+    EXPECT_EQ(w.status, 1);
+    EXPECT_EQ(w.out, "nopage = null\n");
+}
+
+// What a client process puts on the wire, caught where the server would be.
+TEST(ParamctlShare, SendsOneClientDatagram)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(PARA_SERVER_PORT);
+    a.sin_addr.s_addr = inet_addr("127.0.0.1");
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    auto next = [fd] {
+        pollfd p{fd, POLLIN, 0};
+        char buf[256];
+        ssize_t n = poll(&p, 1, 2000) == 1 ? recv(fd, buf, sizeof buf, 0) : -1;
+        return n < 0 ? std::string() : std::string(buf, static_cast<size_t>(n));
+    };
+
+    auto r = paramctl("share isp skin_saturation 1 50");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(next(), std::string("\0\0\0\0\1\0\0\0\x32\0\0\0isp", 15) + std::string(13, '\0') + "skin_saturation" +
+                          std::string(33, '\0'));
+
+    r = paramctl("share video profile 0 '\"high\"'");
+    EXPECT_EQ(r.status, 0) << r.out;
+    std::string text = next();
+    ASSERT_EQ(text.size(), 76u);
+    EXPECT_EQ(text[0], 1);
+    EXPECT_EQ(text.substr(44, 5), std::string("high\0", 5));
+
+    EXPECT_EQ(paramctl("share isp nosuch 0 1").status, 2);
+    EXPECT_EQ(paramctl("share isp gamma x 1").status, 2);
+    close(fd);
 }

@@ -116,13 +116,20 @@ int show_reply(const Options& o, const std::string& reply)
     return status;
 }
 
-int send_and_show(const Options& o, cJSON* request)
+// Sends the request (released here) and waits for the reply; as exchange.
+int exchange_json(const Options& o, cJSON* request, std::string* reply)
 {
     char* text = cJSON_PrintUnformatted(request);
     cJSON_Delete(request);
-    std::string reply;
-    int r = exchange(o, text, &reply);
+    int r = exchange(o, text, reply);
     free(text);
+    return r;
+}
+
+int send_and_show(const Options& o, cJSON* request)
+{
+    std::string reply;
+    int r = exchange_json(o, request, &reply);
     return r ? r : show_reply(o, reply);
 }
 
@@ -228,6 +235,100 @@ int cmd_raw(const Options& o, int argc, char** argv)
     return r ? r : show_reply(o, reply);
 }
 
+// Web pages answer in form text: one pair per line, "X=null" is an error.
+int show_form(const Options& o, const std::string& reply)
+{
+    if (o.raw_json) {
+        printf("%s\n", reply.c_str());
+    } else {
+        size_t pos = 0;
+        for (;;) {
+            size_t amp = reply.find('&', pos);
+            std::string pair = reply.substr(pos, amp == std::string::npos ? std::string::npos : amp - pos);
+            size_t eq = pair.find('=');
+            if (eq == std::string::npos)
+                printf("%s\n", pair.c_str());
+            else
+                printf("%s = %s\n", pair.substr(0, eq).c_str(), pair.substr(eq + 1).c_str());
+            if (amp == std::string::npos)
+                break;
+            pos = amp + 1;
+        }
+    }
+    const std::string tail = "=null";
+    return reply.size() >= tail.size() && reply.compare(reply.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+int cmd_web(const Options& o, int argc, char** argv)
+{
+    bool get = argc == 2 && strcmp(argv[0], "get") == 0;
+    bool set = argc == 3 && strcmp(argv[0], "set") == 0;
+    if (!get && !set)
+        return fail("web: 'get PAGE' or 'set PAGE FORM' wanted (try: paramctl help web)");
+    // The server answers nothing to a form without any pair.
+    if (set && !strchr(argv[2], '='))
+        return fail("web set: FORM needs name=value pairs, got '%s'", argv[2]);
+    cJSON* req = cJSON_CreateObject();
+    cJSON_AddStringToObject(req, "msg_from", "www");
+    cJSON_AddStringToObject(req, "msg_type", argv[0]);
+    cJSON_AddStringToObject(req, "msg_name", argv[1]);
+    if (set)
+        cJSON_AddStringToObject(req, "data", argv[2]);
+    std::string reply;
+    int r = exchange_json(o, req, &reply);
+    return r ? r : show_form(o, reply);
+}
+
+// The client role's senders, one row per module member they know.
+struct ShareRow {
+    const char* mod;
+    const char* member;
+    int (*number)(int chn, int val);
+    int (*text)(int chn, const char* str);
+};
+#define PARAMCTL_SHARE_ROW(mod, member)                                                    \
+    {#mod, #member, para_set_share_##mod##_##member##_number, para_set_share_##mod##_##member##_string},
+const ShareRow kShareRows[] = {PARA_SHARE_MEMBERS(PARAMCTL_SHARE_ROW)};
+#undef PARAMCTL_SHARE_ROW
+
+int cmd_share(const Options& o, int argc, char** argv)
+{
+    if (argc != 4)
+        return fail("share: MODULE MEMBER CHN VALUE wanted (try: paramctl help share)");
+    if (o.host != "127.0.0.1" || o.port != PARA_SERVER_PORT)
+        return fail("share: client datagrams always go to 127.0.0.1:6800; --host/--port do not apply");
+    const ShareRow* row = nullptr;
+    for (const ShareRow& r : kShareRows)
+        if (strcmp(r.mod, argv[0]) == 0 && strcmp(r.member, argv[1]) == 0)
+            row = &r;
+    if (!row) {
+        fprintf(stderr, "paramctl: share: no member %s.%s; known:\n", argv[0], argv[1]);
+        for (const ShareRow& r : kShareRows)
+            fprintf(stderr, "  %s %s\n", r.mod, r.member);
+        return 2;
+    }
+    cJSON* chn = value_item(argv[2]);
+    cJSON* value = value_item(argv[3]);
+    const bool chn_ok = cJSON_IsNumber(chn);
+    const int channel = chn->valueint;
+    cJSON_Delete(chn);
+    if (!chn_ok) {
+        cJSON_Delete(value);
+        return fail("share: CHN must be an integer, got '%s'", argv[2]);
+    }
+    Send_Initial();
+    if (cJSON_IsNumber(value)) {
+        row->number(channel, value->valueint);
+    } else {
+        if (strlen(value->valuestring) > sizeof(st_data::string))
+            fprintf(stderr, "paramctl: share: text cut to %zu bytes\n", sizeof(st_data::string));
+        row->text(channel, value->valuestring);
+    }
+    cJSON_Delete(value);
+    printf("sent %s.%s chn %d = %s\n", row->mod, row->member, channel, argv[3]);
+    return 0;
+}
+
 int cmd_help(const Options&, int argc, char** argv)
 {
     if (argc == 0) {
@@ -266,6 +367,19 @@ const Command kCommands[] = {
      "Sends the JSON text as it is and prints the reply.\n"
      "  paramctl raw '{\"msg_type\":\"get\",\"video0\":[\"all\"]}'\n",
      cmd_raw},
+    {"web", "web get PAGE | web set PAGE FORM",
+     "Talks like the web server: reads a page of the mapping file, or writes a\n"
+     "form (name=value pairs joined by &). A write is answered result=success.\n"
+     "  paramctl web get encode\n"
+     "  paramctl web set encode 'enc_bitrate=6&enc_gop=30'\n",
+     cmd_web},
+    {"share", "share MODULE MEMBER CHN VALUE",
+     "Sends one client datagram (76 bytes, no reply) to 127.0.0.1:6800, as any\n"
+     "process in the client role does. MODULE is video, audio or isp; an integer\n"
+     "VALUE travels as a number, anything else (or \"quoted\") as text of at\n"
+     "most 32 bytes.\n"
+     "  paramctl share isp skin_saturation 1 50\n",
+     cmd_share},
     {"help", "help [COMMAND]", "Shows the help of a command.\n", cmd_help},
 };
 
