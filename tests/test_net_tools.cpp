@@ -12,7 +12,7 @@
 
 namespace {
 
-const std::string kBin = std::string(PARA_BINARY_DIR) + "/tools/";
+const std::string kBin = test::tools_prefix();
 
 using Result = test::CommandResult;
 
@@ -32,8 +32,8 @@ public:
             (void)f;
             dup2(1, 2);
             std::string ro = test::example_device_dir();
-            execl((kBin + "paramd").c_str(), "paramd", "--ro", ro.c_str(), "--rw", rw.c_str(), "--log-level", "3",
-                  static_cast<char*>(nullptr));
+            std::string cmd = "exec " + kBin + "paramd --ro '" + ro + "' --rw '" + rw + "' --log-level 3";
+            execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
     }
