@@ -71,3 +71,36 @@ bench:
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DPARA_BUILD_BENCH=ON -DPARA_BUILD_TESTS=OFF
 	cmake --build build-bench -j $(JOBS) --target para_bench
 	build-bench/bench/para_bench $(if $(RESULTS),--results bench/results.md)
+
+# make fuzz: builds the libFuzzer targets with clang-14 (ASan + UBSan) and
+# runs each for FUZZ_SECONDS on a working copy of its seed corpus under
+# $(FUZZ_BUILD)/work/<target> (the committed corpus is never written).
+# FUZZ_TARGETS picks targets, FUZZ_ARGS passes extra libFuzzer flags
+# (e.g. FUZZ_ARGS=-runs=10000000). A crash stops the run; its input is in
+# $(FUZZ_BUILD)/work/<target>/artifacts.
+FUZZ_BUILD    ?= build-fuzz
+FUZZ_SECONDS  ?= 60
+FUZZ_TARGETS  ?= $(sort $(basename $(notdir $(wildcard fuzz/fuzz_*.cpp))))
+FUZZ_ARGS     ?=
+FUZZ_PACKAGES := clang-14 libclang-rt-14-dev cmake make pkg-config libcjson-dev
+
+.PHONY: fuzz fuzz-build
+
+fuzz-build:
+	$(MAKE) deps PACKAGES="$(FUZZ_PACKAGES)"
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_CXX_COMPILER=clang++-14 -DCMAKE_C_COMPILER=clang-14 \
+	  -DPARA_BUILD_FUZZ=ON -DPARA_BUILD_TESTS=OFF -DPARA_BUILD_TOOLS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
+
+fuzz: fuzz-build
+	@set -e; for t in $(FUZZ_TARGETS); do \
+	  work=$(FUZZ_BUILD)/work/$$t; \
+	  mkdir -p $$work/corpus $$work/artifacts; \
+	  cp -n fuzz/corpus/$$t/* $$work/corpus/ 2>/dev/null || true; \
+	  echo "== $$t: $(FUZZ_SECONDS) s, corpus $$work/corpus"; \
+	  $(FUZZ_BUILD)/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=$$work/artifacts/ $(FUZZ_ARGS) $$work/corpus 2>$$work/log || \
+	    { tail -n 60 $$work/log; echo "$$t failed: see $$work/artifacts"; exit 1; }; \
+	  grep -E '^stat::number_of_executed_units|DONE' $$work/log | tail -n 2; \
+	done

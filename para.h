@@ -373,11 +373,150 @@ PARA_API void para_video_size_enum(const char* value, void* argv);
 /* ======================== END video ===================================== */
 
 /* ======================== BEGIN isp ===================================== */
+/* The ISP record, described once. X(member, file, set, out), record order:
+ *   file: read from the range, style and current-values files (37);
+ *   set:  has per-member getters/setters and by-name access (34);
+ *   out:  written into ISP objects, i.e. replies and the saved file (37).
+ * Every member is numeric (its text form is looked up in the one-entry
+ * table "null"). */
+#define PARA_ISP_MEMBERS(X)               \
+    X(struct_ver,             0, 0, 0)    \
+    X(style,                  1, 1, 1)    \
+    X(exposure_mode_priority, 1, 0, 0)    \
+    X(exposure_mode,          1, 1, 1)    \
+    X(shutter,                1, 1, 1)    \
+    X(iris,                   1, 1, 1)    \
+    X(bright,                 1, 1, 1)    \
+    X(expcomp_mode,           1, 1, 1)    \
+    X(expcomp_level,          1, 1, 1)    \
+    X(backlight,              1, 1, 1)    \
+    X(gain_limit,             1, 1, 1)    \
+    X(manual_gain,            1, 1, 1)    \
+    X(antiflicker,            1, 1, 1)    \
+    X(meter,                  1, 1, 1)    \
+    X(wdr_strength,           1, 1, 1)    \
+    X(wb_mode,                1, 1, 1)    \
+    X(awb_sens,               1, 1, 1)    \
+    X(rgain,                  1, 1, 1)    \
+    X(bgain,                  1, 1, 1)    \
+    X(rgain_tuning,           1, 1, 1)    \
+    X(bgain_tuning,           1, 1, 1)    \
+    X(ggain_tuning,           1, 1, 1)    \
+    X(rgain_onepush,          1, 1, 1)    \
+    X(bgain_onepush,          1, 1, 1)    \
+    X(saturation,             1, 1, 1)    \
+    X(hue,                    1, 1, 1)    \
+    X(temperature,            1, 1, 1)    \
+    X(len_type,               1, 0, 1)    \
+    X(luminance,              1, 1, 1)    \
+    X(contrast,               1, 1, 1)    \
+    X(sharpness,              1, 1, 1)    \
+    X(blackwhite_mode,        1, 1, 1)    \
+    X(gamma,                  1, 1, 1)    \
+    X(drc,                    1, 1, 1)    \
+    X(ccm_style,              1, 0, 1)    \
+    X(nr2d,                   1, 1, 1)    \
+    X(nr3d,                   1, 1, 1)    \
+    X(hotpixel,               0, 0, 1)    \
+    X(skin_saturation,        1, 1, 1)
+
+/* Row filters for the table columns. */
+#define PARA_ISP_IF_0(...)
+#define PARA_ISP_IF_1(...) __VA_ARGS__
+
+#define PARA_ISP_NUM 2 /* ISP numbers 0 and 1 */
+
+#define PARA_ISP_FIELD(m, file, set, out) int m;
+typedef struct dov_isp_param_s {
+    PARA_ISP_MEMBERS(PARA_ISP_FIELD)
+} dov_isp_param_s;
+#undef PARA_ISP_FIELD
+
+/* Exist word of a present member loaded from a file. */
+#define PARA_ISP_EXIST 0x81
+
+/* Parameter set, indexed by ISP number. */
+PARA_API extern dov_isp_param_s para_isp_min[PARA_ISP_NUM];
+PARA_API extern dov_isp_param_s para_isp_max[PARA_ISP_NUM];
+PARA_API extern dov_isp_param_s para_isp_def[PARA_ISP_NUM];
+PARA_API extern dov_isp_param_s para_isp_cur[PARA_ISP_NUM];
+PARA_API extern dov_isp_param_s para_isp_init[PARA_ISP_NUM];
+PARA_API extern dov_isp_param_s para_isp_exist[PARA_ISP_NUM];
+/* Monotonic time of the latest accepted member change. */
+PARA_API extern struct timespec isp_item_start_time;
+
+/* Per-member families. ISP numbers other than 0 and 1 are refused: the
+ * getters then return -1, the setters return 0 and change nothing.
+ *   para_get_isp_<m>_def/_min/_max/_init/_cur(pipe)  value in that record
+ *   _para_set_isp_<m>_cur(pipe, value)  1 changed; 0 absent, out of range,
+ *                                       equal or bad pipe; no callback
+ *   para_set_isp_<m>_cur(pipe, value)   always 0; on a change calls
+ *                                       isp_caller(its own address, pipe, value)
+ *   para_get_isp_<m>_num(str)  0 for a prefix of "null" (also ""), else the
+ *                              leading decimal number, else -1000
+ *   get_range_param_<m>(json, min, max), get_def_param_<m>(json, def, exist),
+ *   get_cur_param_<m>(json, rec, unused), get_style_param_<m>(json, rec, unused)
+ *                              read one member key of an ISP/style object */
+#define PARA_ISP_DECL_GET(m, kind) PARA_API int para_get_isp_##m##_##kind(int pipe);
+#define PARA_ISP_DECL_READ(m, kind) \
+    PARA_API void get_##kind##_param_##m(cJSON* json, dov_isp_param_s* isp_para0, dov_isp_param_s* isp_para1);
+#define PARA_ISP_GET_KINDS(G, m) G(m, def) G(m, min) G(m, max) G(m, init) G(m, cur)
+#define PARA_ISP_READ_KINDS(R, m) R(m, range) R(m, def) R(m, cur) R(m, style)
+#define PARA_ISP_DECL_SET(m)                                     \
+    PARA_ISP_GET_KINDS(PARA_ISP_DECL_GET, m)                     \
+    PARA_API int _para_set_isp_##m##_cur(int pipe, int value);   \
+    PARA_API int para_set_isp_##m##_cur(int pipe, int value);
+#define PARA_ISP_DECL_FILE(m)                                    \
+    PARA_API int para_get_isp_##m##_num(char* str);              \
+    PARA_ISP_READ_KINDS(PARA_ISP_DECL_READ, m)
+#define PARA_ISP_DECL(m, file, set, out) \
+    PARA_ISP_IF_##file(PARA_ISP_DECL_FILE(m)) PARA_ISP_IF_##set(PARA_ISP_DECL_SET(m))
+PARA_ISP_MEMBERS(PARA_ISP_DECL)
+#undef PARA_ISP_DECL
+
+/* Walkers: one reader kind for all file members (json may be NULL). */
+PARA_API void _parse_isp_range_json(cJSON* json, dov_isp_param_s* isp_para0, dov_isp_param_s* isp_para1);
+PARA_API void _parse_isp_def_json(cJSON* json, dov_isp_param_s* isp_para0, dov_isp_param_s* isp_para1);
+PARA_API void _parse_isp_cur_json(cJSON* json, dov_isp_param_s* isp_para0, dov_isp_param_s* isp_para1);
+PARA_API void _parse_isp_style_json(cJSON* json, dov_isp_param_s* isp_para0, dov_isp_param_s* isp_para1);
+
+/* By name, settable members only: stores the value and returns the exist
+ * word; 0 for any other name or a bad ISP number (nothing stored then). */
+PARA_API int para_get_isp_cur_member(char* memberName, int chn, int* val, char** valString);
+PARA_API int para_get_isp_def_member(char* memberName, int chn, int* val, char** valString);
+
+/* Handler-table operations (rows "isp0" and "isp1"). */
 PARA_API int para_init_isp(char* parse_name);
 PARA_API int para_set_isp_opt(char* req_name, void* jsonIn, char* parse_name);
 PARA_API int para_get_isp_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
 PARA_API int para_need_save_isp(char* parse_name);
 PARA_API int para_save_isp(char* parse_name);
+
+/* Maintenance of defaults. A bad ISP number is refused with -1. */
+PARA_API int para_set_isp_antiflicker_def(int pipe, int value);
+PARA_API int para_set_isp_style_def(int pipe, int value);
+PARA_API int para_isp_cur_restore_isp_def(void);
+
+/* Image styles ("isp0_def.json", "isp1_def.json"). Lookups refuse ISP
+ * numbers other than 0 and 1 and indexes outside 0..count-1 (NULL or -1);
+ * para_get_isp_style_def_index answers -1 and para_isp_style_excute_by_arm
+ * 0 for a bad ISP number. */
+PARA_API extern cJSON* json_style_file;
+PARA_API extern cJSON** style_list_isp0;
+PARA_API extern cJSON** style_list_isp1;
+PARA_API extern dov_isp_param_s* isp0_para_in_style;
+PARA_API extern dov_isp_param_s* isp1_para_in_style;
+PARA_API int para_init_isp_style(int isp_id);
+PARA_API int para_get_isp_style_def_index(int isp_id);
+PARA_API int para_set_isp_style_def_index(int isp_id, int def_style);
+PARA_API cJSON* get_isp_style_json(int isp_id, int index);
+PARA_API dov_isp_param_s* para_get_isp_style_param(int isp_id, int index);
+PARA_API char* para_get_isp_style_string(int isp_id, int index);
+PARA_API int para_get_isp_style_index(int isp_id, char* style);
+PARA_API int para_isp_style_excute_by_arm(int isp_id);
+/* Writes the factory anti-flicker default into *param when one exists;
+ * 0, or -1 for a bad ISP number or a NULL param. */
+PARA_API int parse_isp_def_odm(int isp_id, dov_isp_param_s* param);
 /* ======================== END isp ======================================= */
 
 /* ======================== BEGIN audio / af ============================== */

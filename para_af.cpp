@@ -14,8 +14,7 @@ struct timespec af_item_start_time;
 
 namespace {
 
-para::ChangeState af_change;
-std::mutex af_mu;
+typed::State af_state;
 int af_records = 1;
 
 enum Index { PARA_AF_MEMBERS(PARA_TYPED_INDEX) kMembers };
@@ -46,12 +45,11 @@ const typed::Module af = {
     true,
     false,
     0,
-    &af_change,
+    &af_state,
     &af_item_start_time,
     nullptr, // fixed delay
     notify_af,
     nullptr, // the row takes no set requests
-    &af_mu,
 };
 
 } // namespace

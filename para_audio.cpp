@@ -17,9 +17,8 @@ struct timespec audio_item_start_time;
 
 namespace {
 
-para::ChangeState audio_change;
+typed::State audio_state;
 std::atomic<int> audio_save_param_time{2000};
-std::mutex audio_mu;
 int audio_records = 1;
 
 enum Index { PARA_AUDIO_MEMBERS(PARA_TYPED_INDEX) kMembers };
@@ -59,12 +58,11 @@ const typed::Module audio = {
     false,
     false,
     0,
-    &audio_change,
+    &audio_state,
     &audio_item_start_time,
     &audio_save_param_time,
     notify_audio,
     &para_profile.audio_page_caller,
-    &audio_mu,
 };
 
 } // namespace

@@ -131,51 +131,53 @@ void copy_slot_name(char (&dst)[kSlotNameSize], const char* name)
     dst[n] = '\0';
 }
 
+/* Store lines into f; the flush result, -1 when any write failed. */
+int write_store(FILE* f, configure* store)
+{
+    store->loop(store, loop_2_conf, f);
+    int r = std::fflush(f);
+    return std::ferror(f) ? -1 : r;
+}
+
 int write_conf_file(const char* path, configure* store, bool lock)
 {
-    int lock_fd = -1;
     if (lock) {
-        lock_fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (lock_fd < 0) {
+        /* Writers in other processes cooperate through the lock on this very
+         * file, so it is rewritten in place; opened without truncation so
+         * nobody sees it emptied before the lock is ours. */
+        int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        FILE* f = fd < 0 ? nullptr : fdopen(fd, "wb");
+        if (!f) {
             PARA_LOG(PARA_ERR, "open %s fail", path);
+            if (fd >= 0)
+                close(fd);
             return 0;
         }
-        flock(lock_fd, LOCK_EX);
+        flock(fd, LOCK_EX);
+        int r = ftruncate(fd, 0) == 0 && lseek(fd, 0, SEEK_SET) == 0 ? write_store(f, store) : -1;
+        flock(fd, LOCK_UN);
+        std::fclose(f);
+        return r;
     }
+    /* Unlocked files go through a sibling file renamed into place: a crash
+     * mid-write leaves the previous file whole. */
     char tmp[PARA_PATH_MAX + 8];
     std::snprintf(tmp, sizeof tmp, "%s.tmp", path);
-    bool renaming = true;
     FILE* f = std::fopen(tmp, "wb");
-    if (f) {
-        struct stat st{};
-        if (stat(path, &st) == 0)
-            fchmod(fileno(f), st.st_mode & 07777);
-    } else {
-        /* Directory closed to new files: fall back to rewriting in place. */
-        renaming = false;
-        f = std::fopen(path, "wb");
-    }
-    int r = 0;
     if (!f) {
-        PARA_LOG(PARA_ERR, "open %s fail", path);
-    } else {
-        store->loop(store, loop_2_conf, f);
-        r = std::fflush(f);
-        if (std::ferror(f))
-            r = -1;
-        std::fclose(f);
-        if (renaming) {
-            if (r == 0 && std::rename(tmp, path) != 0)
-                r = -1;
-            if (r != 0) {
-                PARA_LOG(PARA_ERR, "write %s fail", path);
-                unlink(tmp);
-            }
-        }
+        PARA_LOG(PARA_ERR, "open %s fail", tmp);
+        return 0;
     }
-    if (lock_fd >= 0) {
-        flock(lock_fd, LOCK_UN);
-        close(lock_fd);
+    struct stat st{};
+    if (stat(path, &st) == 0)
+        fchmod(fileno(f), st.st_mode & 07777);
+    int r = write_store(f, store);
+    std::fclose(f);
+    if (r == 0 && std::rename(tmp, path) != 0)
+        r = -1;
+    if (r != 0) {
+        PARA_LOG(PARA_ERR, "write %s fail", path);
+        unlink(tmp);
     }
     return r;
 }

@@ -31,11 +31,11 @@ int find_slot_by(int count, const char* name, NameOf name_of)
     return -1;
 }
 
-/* Writes every entry of store as .conf lines to path. The text goes to a
- * sibling temporary file that is renamed over path once complete, so a crash
- * mid-write leaves the previous file whole. With lock, an exclusive flock on
- * path is held meanwhile. Returns the flush result (0 ok, -1 on a write or
- * rename error), or 0 without writing when nothing can be opened. */
+/* Writes every entry of store as .conf lines to path. With lock: in place
+ * under an exclusive flock on path. Without: through a sibling temporary
+ * file renamed over path once complete. Returns the flush result (0 ok, -1
+ * on a write or rename error), or 0 without writing when nothing can be
+ * opened. */
 int write_conf_file(const char* path, configure* store, bool lock);
 
 /* Store dump into buf for the *_2_buf operations: used + 1, or 0 (logged

@@ -85,6 +85,15 @@ struct Member {
     void* setter; /* the public setter, handed to the member callback */
 };
 
+/* What a module changes at run time. */
+struct State {
+    ChangeState change;
+    std::mutex mu;
+    /* Set once the range and default files loaded: until then the records
+     * hold no settings, and saving would only overwrite the stored ones. */
+    std::atomic<bool> loaded{false};
+};
+
 enum Rec { kMin, kMax, kDef, kCur, kInit, kExist, kRecKinds };
 enum FileKind { kRange, kDefault, kCurrent };
 
@@ -105,12 +114,11 @@ struct Module {
     bool plain;
     bool write_by_prefix;   /* by-name writes: name begins with key (else exact) */
     int missing_kind_result; /* by-name write to a member without its kind bit */
-    ChangeState* change;
+    State* st;
     struct timespec* stamp;
     std::atomic<int>* delay_ms;
     void (*notify)(void* setter, int stream, int value);
     void (**page)(void* json); /* the profile's page callback slot, or null */
-    std::mutex* mu;
 };
 
 /* The application's threads and the worker both reach the records; the
@@ -158,7 +166,7 @@ inline int get_locked(const Module& m, const Member& mb, Rec r, int s)
 
 inline int get(const Module& m, int idx, Rec r, int s)
 {
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     return get_locked(m, m.members[idx], r, s);
 }
 
@@ -169,14 +177,14 @@ inline int set_locked(const Module& m, const Member& mb, int s, int val)
     if (val < at(m, kMin, s, mb) || val > at(m, kMax, s, mb) || val == at(m, kCur, s, mb))
         return 0;
     at(m, kCur, s, mb) = val;
-    m.change->mark();
-    stamp_to_timespec(m.change->stamp_ms.load(), m.stamp);
+    m.st->change.mark();
+    stamp_to_timespec(m.st->change.stamp_ms.load(), m.stamp);
     return 1;
 }
 
 inline int set_internal(const Module& m, int idx, int s, int val)
 {
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     return set_locked(m, m.members[idx], s, val);
 }
 
@@ -261,7 +269,7 @@ inline void load_item(const Module& m, const Member& mb, FileKind fk, const cJSO
 /* One member from a parsed file, for every record in use. */
 inline int load_member(const Module& m, int idx, FileKind fk, const cJSON* json)
 {
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     const Member& mb = m.members[idx];
     for (int s = 0; valid(m, s); ++s) {
         const cJSON* obj = record_object(m, json, s);
@@ -287,7 +295,7 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*))
     make_path(def, para_profile.param_rofile_dir, m.files[1]);
     make_path(cur, para_profile.param_rwfile_dir, m.files[2]);
     {
-        Lock lk(*m.mu);
+        Lock lk(m.st->mu);
         std::memset(m.rec[kExist], 0, sizeof(int32_t) * m.stride * m.records);
     }
 
@@ -299,7 +307,7 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*))
         return -1;
     }
     if (count_records) {
-        Lock lk(*m.mu);
+        Lock lk(m.st->mu);
         *m.streams = count_records(json.get());
     }
     load_all(m, kRange, json.get());
@@ -325,8 +333,9 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*))
     }
     PARA_LOG(PARA_INFO, "parse_ok:%d\n", applied ? 1 : 0);
 
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     std::memcpy(m.rec[kInit], m.rec[kCur], sizeof(int32_t) * m.stride * m.records);
+    m.st->loaded = true;
     return 0;
 }
 
@@ -357,7 +366,7 @@ inline void add_members_locked(const Module& m, int s, cJSON* obj)
 
 inline void add_members(const Module& m, int s, cJSON* obj)
 {
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     add_members_locked(m, s, obj);
 }
 
@@ -372,7 +381,7 @@ inline cJSON* members_object(const Module& m, int s)
 inline cJSON* file_object(const Module& m)
 {
     cJSON* root = cJSON_CreateObject();
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     if (!m.stream_key) {
         add_members_locked(m, 0, root);
         return root;
@@ -396,7 +405,7 @@ inline int get_member(const Module& m, const char* name, int s, int* val, char**
     if (idx < 0)
         return 0;
     const Member& mb = m.members[idx];
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     if (val)
         *val = get_locked(m, mb, kCur, s);
     if (!valid(m, s))
@@ -415,7 +424,7 @@ inline int set_member(const Module& m, const char* name, int s, int val, const c
     if (idx < 0)
         return 0;
     const Member& mb = m.members[idx];
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     if (!valid(m, s) || !(at(m, kExist, s, mb) & (mb.named ? kBitName : kBitNumber)))
         return m.missing_kind_result;
     if (mb.named) {
@@ -452,7 +461,7 @@ inline void get_request(const Module& m, const cJSON* item, int s, void** jsonOu
         if (idx < 0)
             continue;
         const Member& mb = m.members[idx];
-        Lock lk(*m.mu);
+        Lock lk(m.st->mu);
         int exist = valid(m, s) ? at(m, kExist, s, mb) : 0;
         if (!exist)
             continue;
@@ -487,26 +496,41 @@ inline bool set_request(const Module& m, const cJSON* item, int s)
 
 inline int need_save(const Module& m)
 {
-    return m.change->due(m.delay_ms ? m.delay_ms->load() : 2000) ? 1 : 0;
+    return m.st->change.due(m.delay_ms ? m.delay_ms->load() : 2000) ? 1 : 0;
 }
 
 /* Writes the current file. The flag is cleared before the snapshot, so a
- * change that lands while writing is saved by the next sweep. */
+ * change that lands while writing is saved by the next sweep. A write that
+ * did not reach the file (directory gone, read-only, disk full) marks the
+ * values changed again: the sweep retries after the module's delay instead
+ * of leaving a cut file behind until the next change. Saves from the sweep
+ * and from the application are serialised so two writers never interleave
+ * in the one file. */
 inline int save(const Module& m)
 {
-    m.change->take();
+    static std::mutex file_mu;
+    std::lock_guard<std::mutex> file_lock(file_mu);
+    m.st->change.take();
+    if (!m.st->loaded) {
+        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", m.files[2]);
+        return 0;
+    }
     JsonPtr tree(file_object(m));
     char path[PARA_PATH_MAX];
-    if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
-        return 0;
-    return write_json_file(path, tree.get());
+    bool stored = false;
+    int r = make_path(path, para_profile.param_rwfile_dir, m.files[2])
+                ? write_json_file(path, tree.get(), &stored)
+                : 0;
+    if (!stored)
+        m.st->change.mark();
+    return r;
 }
 
 inline int save_delay(const Module& m, int msec)
 {
     if (msec < 0)
         msec = m.delay_ms ? m.delay_ms->load() : 2000;
-    if (m.change->due(msec))
+    if (m.st->change.due(msec))
         save(m);
     return 0;
 }
@@ -518,7 +542,7 @@ inline int save_delay(const Module& m, int msec)
 inline void dump(const Module& m)
 {
     PARA_LOG(PARA_INFO, "%s", m.title);
-    Lock lk(*m.mu);
+    Lock lk(m.st->mu);
     for (int s = 0; valid(m, s); ++s) {
         if (m.stream_key)
             PARA_LOG(PARA_INFO, "stream_%d param:\n", s + 1);

@@ -1,8 +1,10 @@
 #include "para_internal.h"
 
+#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <string>
 
 namespace para {
 
@@ -44,19 +46,158 @@ JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail)
     return json;
 }
 
-int write_json_file(const char* path, const cJSON* json)
+namespace {
+
+struct Printer {
+    std::string out;
+    bool ok = true;
+
+    void tabs(int n) { out.append(static_cast<size_t>(n), '\t'); }
+
+    void string(const char* s)
+    {
+        out += '"';
+        if (s) {
+            for (const unsigned char* p = reinterpret_cast<const unsigned char*>(s); *p; ++p) {
+                unsigned char c = *p;
+                switch (c) {
+                case '"': out += "\\\""; break;
+                case '\\': out += "\\\\"; break;
+                case '\b': out += "\\b"; break;
+                case '\f': out += "\\f"; break;
+                case '\n': out += "\\n"; break;
+                case '\r': out += "\\r"; break;
+                case '\t': out += "\\t"; break;
+                default:
+                    if (c < 32) {
+                        char esc[8];
+                        snprintf(esc, sizeof esc, "\\u%04x", c);
+                        out += esc;
+                    } else {
+                        out += static_cast<char>(c);
+                    }
+                }
+            }
+        }
+        out += '"';
+    }
+
+    void number(const cJSON* item)
+    {
+        double d = item->valuedouble;
+        char buf[32];
+        if (std::isnan(d) || std::isinf(d)) {
+            out += "null";
+        } else if (d == std::trunc(d) && std::fabs(d) < 1e15) {
+            // Integral values print as their digits under "%1.15g" (-0 keeps
+            // its sign): the common case, done without printf.
+            char* e = buf + sizeof buf;
+            char* p = e;
+            long long v = static_cast<long long>(d);
+            unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+            do {
+                *--p = static_cast<char>('0' + u % 10);
+                u /= 10;
+            } while (u);
+            if (std::signbit(d))
+                *--p = '-';
+            out.append(p, static_cast<size_t>(e - p));
+        } else {
+            // Rare: leave the exact digits to the JSON library's own rule.
+            char* text = cJSON_PrintUnformatted(item);
+            if (!text) {
+                ok = false;
+                return;
+            }
+            out += text;
+            free(text);
+        }
+    }
+
+    void value(const cJSON* item, int depth)
+    {
+        switch (item->type & 0xFF) {
+        case cJSON_NULL: out += "null"; break;
+        case cJSON_False: out += "false"; break;
+        case cJSON_True: out += "true"; break;
+        case cJSON_Number: number(item); break;
+        case cJSON_String: string(item->valuestring); break;
+        case cJSON_Raw:
+            if (!item->valuestring)
+                ok = false;
+            else
+                out += item->valuestring;
+            break;
+        case cJSON_Array:
+            out += '[';
+            for (const cJSON* c = item->child; c && ok; c = c->next) {
+                value(c, depth + 1);
+                if (c->next)
+                    out += ", ";
+            }
+            out += ']';
+            break;
+        case cJSON_Object:
+            out += "{\n";
+            for (const cJSON* c = item->child; c && ok; c = c->next) {
+                tabs(depth + 1);
+                string(c->string);
+                out += ":\t";
+                value(c, depth + 1);
+                if (c->next)
+                    out += ',';
+                out += '\n';
+            }
+            tabs(depth);
+            out += '}';
+            break;
+        default: ok = false;
+        }
+    }
+};
+
+} // namespace
+
+char* print_json(const cJSON* json)
 {
-    CharPtr text(cJSON_Print(json));
+    if (!json)
+        return nullptr;
+    Printer p;
+    p.out.reserve(256);
+    p.value(json, 0);
+    if (!p.ok)
+        return nullptr;
+    char* text = static_cast<char*>(malloc(p.out.size() + 1));
+    if (text)
+        memcpy(text, p.out.c_str(), p.out.size() + 1);
+    return text;
+}
+
+int write_json_file(const char* path, const cJSON* json, bool* stored)
+{
+    if (stored)
+        *stored = false;
+    CharPtr text(print_json(json));
     if (!text)
         return -1;
     FILE* f = std::fopen(path, "wb");
-    if (!f)
+    if (!f) {
+        PARA_LOG(PARA_ERR, "open %s for writing: %s", path, strerror(errno));
         return 0;
+    }
     std::fwrite(text.get(), 1, std::strlen(text.get()) + 1, f);
     int r = std::fflush(f);
     if (std::ferror(f))
         r = -1;
-    std::fclose(f);
+    int err = errno;
+    if (std::fclose(f) != 0 && r == 0) {
+        err = errno;
+        r = -1;
+    }
+    if (r != 0)
+        PARA_LOG(PARA_ERR, "writing %s failed: %s", path, strerror(err));
+    else if (stored)
+        *stored = true;
     return r;
 }
 

@@ -63,9 +63,8 @@ struct timespec video_item_start_time;
 
 namespace {
 
-para::ChangeState video_change;
+typed::State video_state;
 std::atomic<int> video_save_param_time{2000};
-std::mutex video_mu;
 
 enum Index { PARA_VIDEO_MEMBERS(PARA_TYPED_INDEX) kMembers };
 
@@ -96,12 +95,11 @@ const typed::Module video = {
     false,
     true,
     -1,
-    &video_change,
+    &video_state,
     &video_item_start_time,
     &video_save_param_time,
     notify_video,
     &para_profile.video_page_caller,
-    &video_mu,
 };
 
 /* The stream a request key names: the first stream in [0, limit) whose

@@ -21,7 +21,8 @@ int (*lib_system_hook)(const char* command) = nullptr;
 
 void dov_traceout(int level, const char* format, ...)
 {
-    if (dbgout_profile.para_level < level || !format)
+    // The host may change the level and the sink while other threads log.
+    if (__atomic_load_n(&dbgout_profile.para_level, __ATOMIC_RELAXED) < level || !format)
         return;
     char line[4096];
     int off = 0;
@@ -43,8 +44,8 @@ void dov_traceout(int level, const char* format, ...)
         line[len++] = '\n';
         line[len] = '\0';
     }
-    if (dbgout_profile.log_cb)
-        dbgout_profile.log_cb(level, line);
+    if (dov_log_cb cb = __atomic_load_n(&dbgout_profile.log_cb, __ATOMIC_ACQUIRE))
+        cb(level, line);
     else
         fputs(line, stderr);
 }
@@ -311,7 +312,11 @@ bool text_ok(const char* t, bool is_key)
     size_t n = strnlen(t, CONFIGURE_TEXT_MAX);
     if (n >= CONFIGURE_TEXT_MAX || (is_key && n == 0))
         return false;
-    return strpbrk(t, "\r\n") == nullptr;
+    if (strpbrk(t, "\r\n"))
+        return false;
+    // A key must come back from its own line: no "=", no blanks at its
+    // ends (trimmed away) and no comment mark in front.
+    return !is_key || (!strchr(t, '=') && !strchr(" \t#;", t[0]) && t[n - 1] != ' ' && t[n - 1] != '\t');
 }
 
 /* A store with the arrays it outgrew: entries handed out by getparameter
@@ -398,7 +403,9 @@ int store_loop(configure* s, configure_loop_cb cb, void* argv)
         return -1;
     ReadLock lk(s);
     for (uint32_t i = 0; i < s->list.used; ++i) {
-        s->list.curIdx = i;
+        // Loops of several readers share the read lock; the position is
+        // only informative then, but must not be a torn write.
+        __atomic_store_n(&s->list.curIdx, i, __ATOMIC_RELAXED);
         if (cb(argv, s->list.ptr[i].key, s->list.ptr[i].value))
             break;
     }
@@ -469,7 +476,10 @@ int configure_parse(configure* store, const config_keys* keys, const char* path)
     ssize_t n;
     WriteLock lk(store);
     while ((n = getline(&line, &cap, f)) >= 0) {
-        std::string_view l = trim(std::string_view(line, static_cast<size_t>(n)));
+        // Entries are C texts: a NUL byte ends the line, as it would end
+        // the key or value copied out of it.
+        std::string_view l(line, static_cast<size_t>(n));
+        l = trim(l.substr(0, l.find('\0')));
         if (l.empty() || l.front() == '#' || l.front() == ';')
             continue;
         size_t eq = l.find('=');

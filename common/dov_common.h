@@ -126,7 +126,8 @@ struct configure {
     int (*loop)(configure* store, configure_loop_cb cb, void* argv);
     /* 1 changed or added, 0 equal text, -1 refused (NULL, key empty or
      * longer than 255 bytes, value longer than 255 bytes or holding a line
-     * break, which no .conf line could carry). */
+     * break, key holding "=", starting with '#' or ';' or with a blank at
+     * either end: what no .conf line could carry). */
     int (*put)(configure* store, const char* key, const char* value);
     /* The entry inside the store, or NULL. It stays readable until
      * configure_free, though after the store grew it no longer follows

@@ -186,18 +186,4 @@ TEST_F(Audio, SettableDelay)
     EXPECT_NE(test::compact(saved().c_str()).find("\"mute\":0"), std::string::npos);
 }
 
-TEST_F(Audio, LoadFailures)
-{
-    test::LogCapture log;
-    EXPECT_EQ(para_init_audio(nullptr), -1);
-    EXPECT_TRUE(log.contains("Error range def buf"));
-    test::write_file(dir.ro() + "/audio_range.json", kRange);
-    EXPECT_EQ(para_init_audio(nullptr), -1);
-    EXPECT_TRUE(log.contains("Error read def buf"));
-    EXPECT_EQ(para_get_audio_volLeftIn_max(), 100);
-    test::write_file(dir.ro() + "/audio_def.json", "{\"mute\": ");
-    EXPECT_EQ(para_init_audio(nullptr), -1);
-    EXPECT_TRUE(log.contains("Error before: ["));
-}
-
 } // namespace

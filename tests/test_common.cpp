@@ -6,6 +6,7 @@
 #include "support.h"
 
 #include <atomic>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -236,4 +237,60 @@ TEST(FifoWork, TriggeredRecordsRunOnTheQueueThread)
     EXPECT_EQ(fifo_work_trigger(nullptr, nullptr), 2);
     fifo_work_drain();
     EXPECT_EQ(runs.load(), 103);
+}
+
+namespace {
+
+cJSON* random_tree(std::mt19937& rng, int depth)
+{
+    auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+    auto text = [&] {
+        std::string s;
+        for (int i = pick(8); i > 0; --i)
+            s += static_cast<char>(1 + pick(255)); // control bytes, quotes, high bytes
+        return s;
+    };
+    const double numbers[] = {0, -0.0, 1, -1, 2147483647.0, -2147483648.0, 3e9, -3e9, 0.1, 1.25, 1e300, -4.5e-7,
+                              123456789.123, 60};
+    switch (depth > 3 ? pick(5) : pick(7)) {
+    case 0: return cJSON_CreateNull();
+    case 1: return cJSON_CreateBool(pick(2));
+    case 2: return cJSON_CreateNumber(numbers[pick(14)]);
+    case 3: return cJSON_CreateNumber(static_cast<double>(static_cast<int32_t>(rng())));
+    case 4: return cJSON_CreateString(text().c_str());
+    case 5: {
+        cJSON* a = cJSON_CreateArray();
+        for (int i = pick(4); i > 0; --i)
+            cJSON_AddItemToArray(a, random_tree(rng, depth + 1));
+        return a;
+    }
+    default: {
+        cJSON* o = cJSON_CreateObject();
+        for (int i = pick(4); i > 0; --i)
+            cJSON_AddItemToObject(o, text().c_str(), random_tree(rng, depth + 1));
+        return o;
+    }
+    }
+}
+
+} // namespace
+
+TEST(PrintJson, SameBytesAsTheJsonLibrary)
+{
+    std::mt19937 rng(12345);
+    for (int i = 0; i < 3000; ++i) {
+        para::JsonPtr tree(random_tree(rng, 0));
+        para::CharPtr ours(para::print_json(tree.get()));
+        para::CharPtr theirs(cJSON_Print(tree.get()));
+        ASSERT_TRUE(ours && theirs);
+        ASSERT_STREQ(ours.get(), theirs.get()) << "tree " << i;
+    }
+    for (const char* f : {"video_def.json", "isp0_def.json", "www2json.json", "audio_range.json"}) {
+        para::CharPtr text(read_file_to_buf((test::example_device_dir() + "/" + f).c_str()));
+        para::JsonPtr tree(cJSON_Parse(text.get()));
+        para::CharPtr ours(para::print_json(tree.get()));
+        para::CharPtr theirs(cJSON_Print(tree.get()));
+        EXPECT_STREQ(ours.get(), theirs.get()) << f;
+    }
+    EXPECT_EQ(para::print_json(nullptr), nullptr);
 }

@@ -5,7 +5,13 @@
 #include "para_internal.h"
 #include "support.h"
 
+#include <sys/file.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -141,7 +147,6 @@ TEST(ConfStore, SaveWritesWholeStoreThatLoadsBack)
     ASSERT_TRUE(becomes_due("netport"));
     EXPECT_EQ(save("netport"), 0);
     EXPECT_EQ(need_save("netport"), 0);
-    EXPECT_FALSE(test::file_exists(dir.rw() + "/netport.conf.tmp"));
 
     configure* back = configure_init();
     ASSERT_EQ(configure_parse(back, nullptr, (dir.rw() + "/netport.conf").c_str()), 0);
@@ -152,6 +157,30 @@ TEST(ConfStore, SaveWritesWholeStoreThatLoadsBack)
     }
     EXPECT_EQ(back->list.used, 5u);
     configure_free(back);
+}
+
+TEST(ConfStore, SaveWaitsForTheFileLock)
+{
+    test::TempDir dir;
+    netport_files(dir);
+    load(dir, {"netport"});
+    para_profile.conf_save = 1;
+    para_conf_set_member("netport", "port", "9000");
+    int fd = open((dir.rw() + "/netport.conf").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0); // another process rewriting the file
+    std::atomic<bool> done{false};
+    std::thread saver([&] {
+        save("netport");
+        done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(done.load());
+    EXPECT_EQ(*test::read_file(dir.rw() + "/netport.conf"), "port=8080\n");
+    flock(fd, LOCK_UN);
+    close(fd);
+    saver.join();
+    EXPECT_NE(test::read_file(dir.rw() + "/netport.conf")->find("port=9000\n"), std::string::npos);
 }
 
 TEST(ConfStore, SavingSwitchedOffKeepsModuleDue)

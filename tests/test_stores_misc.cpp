@@ -56,8 +56,9 @@ void older_files(test::TempDir& dir)
 
 void newer_files(test::TempDir& dir)
 {
+    // File keys match without case: "Version" selects the newer layout.
     test::write_file(dir.ro() + "/misc_range.json",
-                     R"({"version":1,"mirror":[0,1],"hdmivideoformat":["1080P60","1080P50","4KP30"]})");
+                     R"({"Version":1,"mirror":[0,1],"hdmivideoformat":["1080P60","1080P50","4KP30"]})");
     test::write_file(dir.ro() + "/misc.conf", "mirror=0\nhdmivideoformat=1080P50\n");
 }
 
@@ -147,6 +148,7 @@ TEST(MiscLegacy, NewerLayoutSavesMiscConfThatLoadsBack)
     EXPECT_EQ(para_set_misc_hdmivideoformat_cur_bystr("4KP30"), 1);
     EXPECT_EQ(para_save_misc(const_cast<char*>("misc")), 0);
     EXPECT_FALSE(test::file_exists(dir.rw() + "/misc_cur.json"));
+    EXPECT_FALSE(test::file_exists(dir.rw() + "/misc.conf.tmp"));
 
     configure* back = configure_init();
     ASSERT_EQ(configure_parse(back, nullptr, (dir.rw() + "/misc.conf").c_str()), 0);

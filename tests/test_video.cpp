@@ -273,17 +273,6 @@ TEST_F(Video, SavedFileEndsInNulAndLoadsBack)
     EXPECT_EQ(para_get_video_rcMode_cur(0), 3);
 }
 
-TEST_F(Video, LoadsNulTerminatedCurrentFile)
-{
-    test::LogCapture log;
-    files(kRange, kDef, nullptr);
-    test::write_file(dir.rw() + "/video_cur.json",
-                     std::string("{\"video0\": {\"gop\": 77}}") + '\0');
-    ASSERT_EQ(para_init_video(nullptr), 0);
-    EXPECT_TRUE(log.contains("parse_ok:1"));
-    EXPECT_EQ(para_get_video_gop_cur(0), 77);
-}
-
 TEST_F(Video, SaveWaitsForTheLastChange)
 {
     example();
@@ -313,17 +302,6 @@ TEST_F(Video, SaveWaitsForTheLastChange)
     EXPECT_NE(test::compact(saved().c_str()).find("\"gop\":11"), std::string::npos);
 }
 
-TEST_F(Video, SaveNowOrAfterTheDelay)
-{
-    example();
-    para_set_video_gop_cur(0, 12);
-    EXPECT_EQ(save_cur_video_param_delay(-1), 0); // default delay not over
-    EXPECT_EQ(test::compact(saved().c_str()).find("\"gop\":12"), std::string::npos);
-    EXPECT_EQ(save_cur_video_param_delay(0), 0);
-    EXPECT_NE(test::compact(saved().c_str()).find("\"gop\":12"), std::string::npos);
-    EXPECT_EQ(para_need_save_video(nullptr), 0);
-}
-
 TEST_F(Video, LoadFailures)
 {
     test::LogCapture log;
@@ -336,11 +314,15 @@ TEST_F(Video, DefaultFileMissingLeavesRangesAndNoMembers)
 {
     test::LogCapture log;
     test::write_file(dir.ro() + "/video_range.json", kRange);
+    test::write_file(dir.rw() + "/video_cur.json", kCur);
     EXPECT_EQ(para_init_video(nullptr), -1);
     EXPECT_TRUE(log.contains("Error read def buf"));
     EXPECT_EQ(g_num_stream, 1);
     EXPECT_EQ(para_get_video_gop_max(0), 200);
     EXPECT_EQ(para_get_video_gop_cur(0), -1);
+    // A forced save must not replace the stored settings with nothing.
+    EXPECT_EQ(para_save_video(nullptr), 0);
+    EXPECT_EQ(saved(), kCur);
 }
 
 TEST_F(Video, BrokenCurrentFileFallsBackToDefaults)
@@ -353,17 +335,25 @@ TEST_F(Video, BrokenCurrentFileFallsBackToDefaults)
     EXPECT_EQ(para_get_video_gop_cur(0), 60);
 }
 
-TEST_F(Video, BrokenRangeFileAndOverlongDirectory)
+TEST_F(Video, BrokenRangeFile)
 {
     test::LogCapture log;
     test::write_file(dir.ro() + "/video_range.json", "[1,");
     EXPECT_EQ(para_init_video(nullptr), -1);
     EXPECT_TRUE(log.contains("Error before: ["));
     EXPECT_EQ(g_num_stream, 0);
+}
 
+TEST_F(Video, OverlongDirectoryIsRefused)
+{
+    test::LogCapture log;
+    example();
     std::string longdir(200, 'd');
     para_profile.param_rwfile_dir = const_cast<char*>(longdir.c_str());
-    EXPECT_EQ(para_save_video(nullptr), 0); // refused, nothing written
+    para_set_video_gop_cur(0, 9);
+    EXPECT_EQ(para_save_video(nullptr), 0);
+    EXPECT_TRUE(log.contains("path too long"));
+    EXPECT_EQ(para_need_save_video(nullptr), 0);
 }
 
 TEST(VideoTables, NameLookups)

@@ -67,7 +67,8 @@ module_para_handle_s* find_row(const char* key)
         return nullptr;
     for (int i = 0; i < module_para_handle_num; ++i) {
         module_para_handle_s& row = module_para_handle[i];
-        if (row.parse_name && para::starts_with(key, row.parse_name))
+        // First byte first: most rows differ there, and this runs per key.
+        if (row.parse_name && row.parse_name[0] == key[0] && para::starts_with(key, row.parse_name))
             return &row;
     }
     return nullptr;
@@ -81,7 +82,7 @@ const char* string_of(const cJSON* obj, const char* key)
 
 void log_tree_at_detail(const char* what, const cJSON* json)
 {
-    if (dbgout_profile.para_level != PARA_DETAIL || !json)
+    if (para::log_level() != PARA_DETAIL || !json)
         return;
     para::CharPtr text(cJSON_Print(json));
     PARA_LOG(PARA_DETAIL, "%s%s", what, text ? text.get() : "(unprintable)");
@@ -252,13 +253,13 @@ int Recive_message_Process_gset(para_server_message_info* info, cJSON* json, int
 
     char* text = nullptr;
     if (proto) {
-        if (dbgout_profile.para_level == PARA_DETAIL) {
+        if (para::log_level() == PARA_DETAIL) {
             para::CharPtr t(cJSON_Print(reply.get()));
             PARA_LOG(PARA_DETAIL, "reverse_convert:%s", t ? t.get() : "");
         }
         text = proto->reverse_convert ? proto->reverse_convert(reply.get()) : nullptr;
     } else {
-        text = cJSON_Print(reply.get());
+        text = para::print_json(reply.get());
     }
     reply.reset();
     request.reset();
@@ -284,7 +285,7 @@ int Recive_message_Process_post(para_server_message_info* info, cJSON* json, int
                 cJSON_AddItemToObject(json, "data", static_cast<cJSON*>(out));
         }
     }
-    char* text = cJSON_Print(json);
+    char* text = para::print_json(json);
     request.reset();
     send_text(info, text);
     return 0;
@@ -306,7 +307,7 @@ int Recive_message_Process_api(para_server_message_info* info, cJSON* json, int 
         PARA_LOG(PARA_INFO, "not found api command: %s", name);
         SendBuf2Client(info->fd, info->addressRec, kInvalidApi, sizeof kInvalidApi - 1);
     } else if (out) {
-        send_text(info, cJSON_Print(out));
+        send_text(info, para::print_json(out));
     }
     return 0;
 }

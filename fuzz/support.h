@@ -1,0 +1,44 @@
+// Helpers shared by the fuzz targets.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "para.h"
+
+namespace fuzz {
+
+// Read-only directory of the example device in the source tree.
+std::string example_dir();
+// A fresh directory under TMPDIR (else /dev/shm or /tmp), removed at exit.
+const char* temp_dir();
+// The library's log lines are off: the fuzzer's own output stays readable
+// and formatting costs nothing.
+void quiet();
+// Parsed JSON file of the example device (never null: aborts otherwise).
+cJSON* load_example_json(const char* name);
+// Writes text to path (aborts when it cannot).
+void write_text(const std::string& path, const std::string& text);
+// The input as a NUL-terminated heap copy.
+std::string as_text(const uint8_t* data, size_t size);
+
+// An anonymous in-memory file holding bytes; path() names it for fopen.
+class MemFile {
+public:
+    explicit MemFile(const char* name);
+    ~MemFile();
+    MemFile(const MemFile&) = delete;
+    MemFile& operator=(const MemFile&) = delete;
+    // Replaces the content.
+    void assign(const void* data, size_t size);
+    const char* path() const { return path_; }
+    // Current content.
+    std::string content() const;
+
+private:
+    int fd_;
+    char path_[64];
+};
+
+} // namespace fuzz
