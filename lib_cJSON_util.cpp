@@ -10,7 +10,7 @@ namespace {
  * can be traced to the call site that passed it. */
 void print_tree(cJSON* json, const char* dbg_msg, const void* caller)
 {
-    if (dbgout_profile.para_level < PARA_INFO)
+    if (para::log_level() < PARA_INFO)
         return; // every line below is level 6: skip the printing too
     auto where = static_cast<unsigned>(reinterpret_cast<uintptr_t>(caller));
     if (!json) {

@@ -446,7 +446,9 @@ PARA_API extern dov_isp_param_s para_isp_exist[PARA_ISP_NUM];
 PARA_API extern struct timespec isp_item_start_time;
 
 /* Per-member families. ISP numbers other than 0 and 1 are refused: the
- * getters then return -1, the setters return 0 and change nothing.
+ * getters then return -1, the setters return 0 and change nothing. These
+ * functions and the requests serialise on one module lock; callbacks run
+ * outside it. The exported arrays above are read without it.
  *   para_get_isp_<m>_def/_min/_max/_init/_cur(pipe)  value in that record
  *   _para_set_isp_<m>_cur(pipe, value)  1 changed; 0 absent, out of range,
  *                                       equal or bad pipe; no callback

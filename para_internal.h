@@ -15,9 +15,17 @@
  * test is repeated here so disabled lines cost no formatting. */
 #define PARA_LOG(level, fmt, ...)                                                      \
     do {                                                                               \
-        if (dbgout_profile.para_level >= (level))                                      \
+        if (para::log_level() >= (level))                                              \
             dov_traceout((level), "[para %s +%-4d]" fmt, __func__, __LINE__, ##__VA_ARGS__); \
     } while (0)
+
+namespace para {
+/* The host may change the level while the worker logs: read it whole. */
+inline int log_level()
+{
+    return __atomic_load_n(&dbgout_profile.para_level, __ATOMIC_RELAXED);
+}
+} // namespace para
 
 #define PARA_ERR 3
 #define PARA_INFO 6
@@ -53,8 +61,10 @@ JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail 
 char* print_json(const cJSON* json);
 
 /* Formatted print + one NUL byte, written with "wb". Returns the fflush
- * result (0 ok), or 0 without writing when the file cannot be opened. */
-int write_json_file(const char* path, const cJSON* json);
+ * result (0 ok), or 0 without writing when the file cannot be opened.
+ * Failures are logged; *stored, when given, tells whether the whole text
+ * reached the file. */
+int write_json_file(const char* path, const cJSON* json, bool* stored = nullptr);
 
 /* Integer value of any item: numbers saturate at the int limits, true is 1,
  * everything else 0. */

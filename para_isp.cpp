@@ -7,6 +7,7 @@
 #include "para_isp_internal.h"
 
 #include <cstdio>
+#include <mutex>
 
 dov_isp_param_s para_isp_min[PARA_ISP_NUM];
 dov_isp_param_s para_isp_max[PARA_ISP_NUM];
@@ -109,6 +110,12 @@ int g_num_isp = 0;
 int init_flag = 0;
 para::ChangeState isp_change;
 
+/* Host threads call the getters and setters while the worker answers
+ * requests: every access to the records after start-up holds this lock,
+ * and no callback runs under it. */
+std::mutex isp_mu;
+using Lock = std::lock_guard<std::mutex>;
+
 void mark_change()
 {
     isp_change.mark();
@@ -122,10 +129,11 @@ int& field(dov_isp_param_s& rec, int m)
 
 int get_member(const dov_isp_param_s* records, int m, int pipe)
 {
+    Lock lk(isp_mu);
     return isp_valid_pipe(pipe) ? records[pipe].*k_members[m].field : -1;
 }
 
-int set_member_cur(int m, int pipe, int value)
+int set_cur_locked(int m, int pipe, int value)
 {
     if (!isp_valid_pipe(pipe))
         return 0;
@@ -136,6 +144,12 @@ int set_member_cur(int m, int pipe, int value)
     cur = value;
     mark_change();
     return 1;
+}
+
+int set_member_cur(int m, int pipe, int value)
+{
+    Lock lk(isp_mu);
+    return set_cur_locked(m, pipe, value);
 }
 
 int set_member_cur_notify(int m, void* setter, int pipe, int value)
@@ -154,6 +168,7 @@ void read_member(ReadKind kind, int m, cJSON* json, dov_isp_param_s* p0, dov_isp
     const cJSON* item = cJSON_GetObjectItem(json, k_names[m]);
     if (!item)
         return;
+    Lock lk(isp_mu);
     switch (kind) {
     case READ_range:
         if (p1 && cJSON_GetArraySize(item) > 1) {
@@ -191,6 +206,7 @@ int get_member_by_name(const dov_isp_param_s* records, const char* name, int chn
     int m = settable_index(name);
     if (m < 0 || !isp_valid_pipe(chn))
         return 0;
+    Lock lk(isp_mu);
     if (val)
         *val = records[chn].*k_members[m].field;
     return field(para_isp_exist[chn], m);
@@ -259,9 +275,12 @@ int para_get_isp_def_member(char* memberName, int chn, int* val, char** valStrin
 int para_set_member(char* memberName, int chn, int val, char* valString)
 {
     int m = settable_index(memberName);
-    if (m < 0 || !isp_valid_pipe(chn) || !(field(para_isp_exist[chn], m) & k_exist_numeric))
+    if (m < 0 || !isp_valid_pipe(chn))
         return 0;
-    return set_member_cur(m, chn, val);
+    Lock lk(isp_mu);
+    if (!(field(para_isp_exist[chn], m) & k_exist_numeric))
+        return 0;
+    return set_cur_locked(m, chn, val);
 }
 
 cJSON* Create_Json_ISPObject(int i, int is_def)
@@ -272,6 +291,7 @@ cJSON* Create_Json_ISPObject(int i, int is_def)
     }
     dov_isp_param_s& rec = is_def ? para_isp_def[i] : para_isp_cur[i];
     cJSON* obj = cJSON_CreateObject();
+    Lock lk(isp_mu);
     for (IspMember m : k_out_order)
         if (field(para_isp_exist[i], m))
             cJSON_AddNumberToObject(obj, k_names[m], field(rec, m));
@@ -331,8 +351,11 @@ void load_cur_file(cJSON* tree)
         cJSON* saved = cJSON_GetObjectItem(tree, key);
         if (cJSON* style = cJSON_GetObjectItem(saved, "style"))
             para_set_isp_style_cur(i, para::json_int(style));
-        load_style(i, get_isp_style_json(i, para_isp_cur[i].style));
-        parse_isp_def_odm(i, &para_isp_def[i]);
+        load_style(i, get_isp_style_json(i, para_get_isp_style_cur(i)));
+        {
+            Lock lk(isp_mu);
+            parse_isp_def_odm(i, &para_isp_def[i]);
+        }
         _parse_isp_cur_json(saved, &para_isp_cur[i], nullptr);
     }
 }
@@ -369,6 +392,7 @@ int para_init_isp(char* parse_name)
         para_init_isp_style(i);
         int k = para_get_isp_style_def_index(i);
         load_style(i, get_isp_style_json(i, k));
+        Lock lk(isp_mu);
         para_isp_def[i].style = k;
         para_isp_cur[i].style = k;
         para_isp_exist[i].style = 1 | k_exist_numeric;
@@ -380,8 +404,11 @@ int para_init_isp(char* parse_name)
         parse_ok = 1;
     }
     PARA_LOG(PARA_INFO, "parse_ok:%d\n", parse_ok);
-    for (int i = 0; i < PARA_ISP_NUM; ++i)
-        para_isp_init[i] = para_isp_cur[i];
+    {
+        Lock lk(isp_mu);
+        for (int i = 0; i < PARA_ISP_NUM; ++i)
+            para_isp_init[i] = para_isp_cur[i];
+    }
     isp_page();
     return 0;
 }
@@ -472,12 +499,15 @@ int para_set_isp_antiflicker_def(int pipe, int value)
 {
     if (!isp_valid_pipe(pipe))
         return -1;
-    dov_isp_param_s& def = para_isp_def[pipe];
-    if (para_isp_exist[pipe].antiflicker == 0 || value < para_isp_min[pipe].antiflicker ||
-        value > para_isp_max[pipe].antiflicker || value == def.antiflicker)
-        return 0;
+    {
+        Lock lk(isp_mu);
+        if (para_isp_exist[pipe].antiflicker == 0 || value < para_isp_min[pipe].antiflicker ||
+            value > para_isp_max[pipe].antiflicker || value == para_isp_def[pipe].antiflicker)
+            return 0;
+    }
     para_set_odm_int(const_cast<char*>("isp0_antiflicker_def"), value);
-    def.antiflicker = value;
+    Lock lk(isp_mu);
+    para_isp_def[pipe].antiflicker = value;
     return 0;
 }
 
@@ -488,12 +518,14 @@ int para_set_isp_style_def(int pipe, int value)
     if (cJSON* style = get_isp_style_json(pipe, value))
         _parse_isp_def_json(style, &para_isp_def[pipe], &para_isp_exist[pipe]);
     para_set_odm_int(const_cast<char*>("isp0_style_def"), value);
+    Lock lk(isp_mu);
     parse_isp_def_odm(pipe, &para_isp_def[pipe]);
     return 0;
 }
 
 int para_isp_cur_restore_isp_def(void)
 {
+    Lock lk(isp_mu);
     for (int i = 0; i < PARA_ISP_NUM; ++i)
         para_isp_cur[i] = para_isp_def[i];
     // Deliberately keeps the time of the latest member change.

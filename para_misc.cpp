@@ -88,7 +88,7 @@ int log_entry(void*, const char* key, const char* value)
 void log_current(int slot)
 {
     PARA_LOG(PARA_INFO, "%s cur:", conf_list[slot].file_name);
-    if (conf_cur[slot] && dbgout_profile.para_level >= PARA_INFO)
+    if (conf_cur[slot] && para::log_level() >= PARA_INFO)
         conf_cur[slot]->loop(conf_cur[slot], log_entry, nullptr);
 }
 

@@ -155,36 +155,52 @@ inline int find_member(const Module& m, const char* name, bool by_prefix)
     return -1;
 }
 
+/* Current values change at run time from any thread; every access to them
+ * after loading is a single atomic 32-bit load or compare-and-swap, so the
+ * per-member getters and setters need no lock (they run on the host's hot
+ * paths). Ranges, defaults and exist words change only while loading. */
+inline int32_t cur_of(const Module& m, int s, const Member& mb)
+{
+    return __atomic_load_n(&at(m, kCur, s, mb), __ATOMIC_RELAXED);
+}
+
 inline int get_locked(const Module& m, const Member& mb, Rec r, int s)
 {
     if (!valid(m, s))
         return -1;
     if ((r == kCur || r == kInit) && !m.plain && at(m, kExist, s, mb) == 0)
         return -1;
-    return at(m, r, s, mb);
+    return r == kCur ? cur_of(m, s, mb) : at(m, r, s, mb);
 }
 
 inline int get(const Module& m, int idx, Rec r, int s)
 {
-    Lock lk(m.st->mu);
     return get_locked(m, m.members[idx], r, s);
 }
 
+/* Range-checked store of a new current value; 1 when it changed. Safe with
+ * or without the module lock. Two threads writing the same member at once
+ * both store (the later value stays, as with any setter) and both mark the
+ * change, so nothing accepted is ever left unsaved. */
 inline int set_locked(const Module& m, const Member& mb, int s, int val)
 {
     if (!valid(m, s) || (!m.plain && at(m, kExist, s, mb) == 0))
         return 0;
-    if (val < at(m, kMin, s, mb) || val > at(m, kMax, s, mb) || val == at(m, kCur, s, mb))
+    if (val < at(m, kMin, s, mb) || val > at(m, kMax, s, mb))
         return 0;
-    at(m, kCur, s, mb) = val;
+    int32_t* cur = &at(m, kCur, s, mb);
+    if (__atomic_load_n(cur, __ATOMIC_RELAXED) == val)
+        return 0;
+    __atomic_store_n(cur, val, __ATOMIC_RELAXED);
+    // The flag is published after the value, so a save that sees the flag
+    // also sees the value.
     m.st->change.mark();
-    stamp_to_timespec(m.st->change.stamp_ms.load(), m.stamp);
+    stamp_to_timespec(m.st->change.stamp_ms.load(std::memory_order_relaxed), m.stamp);
     return 1;
 }
 
 inline int set_internal(const Module& m, int idx, int s, int val)
 {
-    Lock lk(m.st->mu);
     return set_locked(m, m.members[idx], s, val);
 }
 
@@ -261,7 +277,7 @@ inline void load_item(const Module& m, const Member& mb, FileKind fk, const cJSO
         break;
     case kCurrent:
         if (item_value(m, mb, item, &v, &by_name))
-            at(m, kCur, s, mb) = v;
+            __atomic_store_n(&at(m, kCur, s, mb), v, __ATOMIC_RELAXED);
         break;
     }
 }
@@ -354,7 +370,7 @@ inline void add_members_locked(const Module& m, int s, cJSON* obj)
         const Member& mb = ordered(m, k);
         if (!valid(m, s) || at(m, kExist, s, mb) == 0)
             continue;
-        int v = at(m, kCur, s, mb);
+        int v = cur_of(m, s, mb);
         if (mb.named) {
             if (const char* name = name_of(mb, v))
                 cJSON_AddStringToObject(obj, mb.key, name);
@@ -412,7 +428,7 @@ inline int get_member(const Module& m, const char* name, int s, int* val, char**
         return 0;
     int exist = at(m, kExist, s, mb);
     if (mb.named && valString)
-        *valString = const_cast<char*>(exist & kBitName ? name_of(mb, at(m, kCur, s, mb)) : nullptr);
+        *valString = const_cast<char*>(exist & kBitName ? name_of(mb, cur_of(m, s, mb)) : nullptr);
     return exist;
 }
 
@@ -465,7 +481,7 @@ inline void get_request(const Module& m, const cJSON* item, int s, void** jsonOu
         int exist = valid(m, s) ? at(m, kExist, s, mb) : 0;
         if (!exist)
             continue;
-        int v = at(m, kCur, s, mb);
+        int v = cur_of(m, s, mb);
         if (mb.named && (exist & kBitName)) {
             if (const char* name = name_of(mb, v))
                 cJSON_AddStringToObject(reply, mb.key, name);
@@ -500,9 +516,16 @@ inline int need_save(const Module& m)
 }
 
 /* Writes the current file. The flag is cleared before the snapshot, so a
- * change that lands while writing is saved by the next sweep. */
+ * change that lands while writing is saved by the next sweep. A write that
+ * did not reach the file (directory gone, read-only, disk full) marks the
+ * values changed again: the sweep retries after the module's delay instead
+ * of leaving a cut file behind until the next change. Saves from the sweep
+ * and from the application are serialised so two writers never interleave
+ * in the one file. */
 inline int save(const Module& m)
 {
+    static std::mutex file_mu;
+    std::lock_guard<std::mutex> file_lock(file_mu);
     m.st->change.take();
     if (!m.st->loaded) {
         PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", m.files[2]);
@@ -510,9 +533,13 @@ inline int save(const Module& m)
     }
     JsonPtr tree(file_object(m));
     char path[PARA_PATH_MAX];
-    if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
-        return 0;
-    return write_json_file(path, tree.get());
+    bool stored = false;
+    int r = make_path(path, para_profile.param_rwfile_dir, m.files[2])
+                ? write_json_file(path, tree.get(), &stored)
+                : 0;
+    if (!stored)
+        m.st->change.mark();
+    return r;
 }
 
 inline int save_delay(const Module& m, int msec)

@@ -1,5 +1,6 @@
 #include "para_internal.h"
 
+#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -172,19 +173,31 @@ char* print_json(const cJSON* json)
     return text;
 }
 
-int write_json_file(const char* path, const cJSON* json)
+int write_json_file(const char* path, const cJSON* json, bool* stored)
 {
+    if (stored)
+        *stored = false;
     CharPtr text(print_json(json));
     if (!text)
         return -1;
     FILE* f = std::fopen(path, "wb");
-    if (!f)
+    if (!f) {
+        PARA_LOG(PARA_ERR, "open %s for writing: %s", path, strerror(errno));
         return 0;
+    }
     std::fwrite(text.get(), 1, std::strlen(text.get()) + 1, f);
     int r = std::fflush(f);
     if (std::ferror(f))
         r = -1;
-    std::fclose(f);
+    int err = errno;
+    if (std::fclose(f) != 0 && r == 0) {
+        err = errno;
+        r = -1;
+    }
+    if (r != 0)
+        PARA_LOG(PARA_ERR, "writing %s failed: %s", path, strerror(err));
+    else if (stored)
+        *stored = true;
     return r;
 }
 
@@ -245,32 +258,55 @@ int name_index_exact(const char* text, const char* const* names, int count)
     return -1;
 }
 
+namespace {
+
+// The coarse clock costs a few nanoseconds instead of a few dozen, which
+// matters on every setter call; its tick is far below any save delay.
+int64_t coarse_tick_ms()
+{
+    static const int64_t tick = [] {
+        timespec res{};
+        if (clock_getres(CLOCK_MONOTONIC_COARSE, &res) != 0)
+            return static_cast<int64_t>(10);
+        return static_cast<int64_t>(res.tv_sec) * 1000 + (res.tv_nsec + 999999) / 1000000;
+    }();
+    return tick;
+}
+
+} // namespace
+
 int64_t ChangeState::now_ms()
 {
     timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 void ChangeState::mark()
 {
-    stamp_ms.store(now_ms());
-    flag.store(1);
+    stamp_ms.store(now_ms(), std::memory_order_relaxed);
+    flag.store(1, std::memory_order_release);
 }
 
 bool ChangeState::due(int delay_ms) const
 {
-    if (flag.load(std::memory_order_relaxed) != 1)
+    if (flag.load(std::memory_order_acquire) != 1)
         return false;
-    return now_ms() - stamp_ms.load() >= delay_ms;
+    if (delay_ms <= 0)
+        return true;
+    // Both readings may lag the true time by up to one tick (and the
+    // millisecond rounding); waiting that much longer keeps a save from ever
+    // coming before the delay is over.
+    return now_ms() - stamp_ms.load(std::memory_order_relaxed) >= delay_ms + coarse_tick_ms() + 1;
 }
 
 void stamp_to_timespec(int64_t ms, struct timespec* ts)
 {
     if (!ts)
         return;
-    ts->tv_sec = static_cast<time_t>(ms / 1000);
-    ts->tv_nsec = static_cast<long>((ms % 1000) * 1000000);
+    // Setters on several threads may stamp at once; each field stays whole.
+    __atomic_store_n(&ts->tv_sec, static_cast<time_t>(ms / 1000), __ATOMIC_RELAXED);
+    __atomic_store_n(&ts->tv_nsec, static_cast<long>((ms % 1000) * 1000000), __ATOMIC_RELAXED);
 }
 
 } // namespace para

@@ -21,7 +21,8 @@ int (*lib_system_hook)(const char* command) = nullptr;
 
 void dov_traceout(int level, const char* format, ...)
 {
-    if (dbgout_profile.para_level < level || !format)
+    // The host may change the level and the sink while other threads log.
+    if (__atomic_load_n(&dbgout_profile.para_level, __ATOMIC_RELAXED) < level || !format)
         return;
     char line[4096];
     int off = 0;
@@ -43,8 +44,8 @@ void dov_traceout(int level, const char* format, ...)
         line[len++] = '\n';
         line[len] = '\0';
     }
-    if (dbgout_profile.log_cb)
-        dbgout_profile.log_cb(level, line);
+    if (dov_log_cb cb = __atomic_load_n(&dbgout_profile.log_cb, __ATOMIC_ACQUIRE))
+        cb(level, line);
     else
         fputs(line, stderr);
 }
@@ -402,7 +403,9 @@ int store_loop(configure* s, configure_loop_cb cb, void* argv)
         return -1;
     ReadLock lk(s);
     for (uint32_t i = 0; i < s->list.used; ++i) {
-        s->list.curIdx = i;
+        // Loops of several readers share the read lock; the position is
+        // only informative then, but must not be a torn write.
+        __atomic_store_n(&s->list.curIdx, i, __ATOMIC_RELAXED);
         if (cb(argv, s->list.ptr[i].key, s->list.ptr[i].value))
             break;
     }

@@ -112,22 +112,32 @@ std::string example_device_dir()
 
 LogCapture* LogCapture::current_ = nullptr;
 
-LogCapture::LogCapture(int level) : saved_level_(dbgout_profile.para_level)
+namespace {
+// Guards current_: the worker may be inside cb while a capture ends.
+std::mutex capture_mu;
+} // namespace
+
+LogCapture::LogCapture(int level) : saved_level_(__atomic_load_n(&dbgout_profile.para_level, __ATOMIC_RELAXED))
 {
-    current_ = this;
-    dbgout_profile.para_level = level;
-    dbgout_profile.log_cb = &LogCapture::cb;
+    {
+        std::lock_guard<std::mutex> lk(capture_mu);
+        current_ = this;
+    }
+    __atomic_store_n(&dbgout_profile.para_level, level, __ATOMIC_RELAXED);
+    __atomic_store_n(&dbgout_profile.log_cb, &LogCapture::cb, __ATOMIC_RELEASE);
 }
 
 LogCapture::~LogCapture()
 {
-    dbgout_profile.log_cb = nullptr;
-    dbgout_profile.para_level = saved_level_;
+    __atomic_store_n(&dbgout_profile.log_cb, static_cast<dov_log_cb>(nullptr), __ATOMIC_RELEASE);
+    __atomic_store_n(&dbgout_profile.para_level, saved_level_, __ATOMIC_RELAXED);
+    std::lock_guard<std::mutex> lk(capture_mu);
     current_ = nullptr;
 }
 
 void LogCapture::cb(int, const char* line)
 {
+    std::lock_guard<std::mutex> outer(capture_mu);
     LogCapture* c = current_;
     if (!c)
         return;

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -104,6 +105,26 @@ TEST_F(NetIsp, NonDefaultSavedStyleIsRewrittenAfterStartUp)
               R"({"isp0":{"style":1,"exposure_mode":0,"shutter":9,"antiflicker":1,"wb_mode":0,"rgain":128,"rgain_tuning":50,"saturation":70,"contrast":60,"sharpness":55}})");
     EXPECT_EQ(ask(R"({"msg_type":"get","isp0_def":["style","shutter"]})"),
               R"({"isp0_def":{"style":1,"shutter":6}})");
+}
+
+// Host threads write members directly while the worker serves requests.
+TEST_F(NetIsp, DirectWritesBesideRequests)
+{
+    start();
+    std::atomic<bool> stop{false};
+    std::thread host([&] {
+        for (int v = 0; !stop; v = (v + 1) % 17)
+            para_set_isp_shutter_cur(0, v);
+    });
+    for (int i = 0; i < 20; ++i) {
+        std::string wb = std::to_string(i % 7);
+        ask(R"({"msg_type":"set","isp0":{"wb_mode":)" + wb + "}}");
+        EXPECT_EQ(ask(R"({"msg_type":"get","isp0":["wb_mode"]})"), R"({"isp0":{"wb_mode":)" + wb + "}}");
+    }
+    stop = true;
+    host.join();
+    EXPECT_GE(para_get_isp_shutter_cur(0), 0);
+    EXPECT_LE(para_get_isp_shutter_cur(0), 16);
 }
 
 } // namespace

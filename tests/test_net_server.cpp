@@ -5,18 +5,29 @@
 #include "support.h"
 
 #include <atomic>
+#include <mutex>
 #include <string>
 
 namespace {
 
 std::atomic<int> g_set_calls{0};
-std::string g_last_set; // written by the worker, read after the reply arrived
-std::string g_last_get_key;
+// Written by the worker, read after the reply arrived. The reply orders
+// them in fact, but a socket is no synchronisation a race detector sees.
+std::mutex g_mu;
+std::string g_last_set_text, g_last_get_key_text;
+std::string last(const std::string& s)
+{
+    std::lock_guard<std::mutex> lk(g_mu);
+    return s;
+}
 
 int ext_set(char* req, void* in, char*)
 {
     para::CharPtr t(cJSON_PrintUnformatted(static_cast<cJSON*>(in)));
-    g_last_set = std::string(req ? req : "(null)") + "=" + t.get();
+    {
+        std::lock_guard<std::mutex> lk(g_mu);
+        g_last_set_text = std::string(req ? req : "(null)") + "=" + t.get();
+    }
     ++g_set_calls;
     return 0;
 }
@@ -25,7 +36,10 @@ int ext_set(char* req, void* in, char*)
 // reading post hands over the whole request) gets {"post":1}.
 int ext_get(char* req, void* in, void** out, char*)
 {
-    g_last_get_key = req ? req : "(null)";
+    {
+        std::lock_guard<std::mutex> lk(g_mu);
+        g_last_get_key_text = req ? req : "(null)";
+    }
     cJSON* o = cJSON_CreateObject();
     if (req)
         cJSON_AddNumberToObject(o, "v", cJSON_GetArraySize(static_cast<cJSON*>(in)));
@@ -93,12 +107,12 @@ TEST_F(Server, GetEchoesNameAndIdInRequestOrder)
     ASSERT_TRUE(r);
     // Byte-exact formatted print, sent without a terminating NUL.
     EXPECT_EQ(*r, printed(R"({"msg_name":"status","msg_id":12,"ext":{"v":2}})"));
-    EXPECT_EQ(g_last_get_key, "ext");
+    EXPECT_EQ(last(g_last_get_key_text), "ext");
 
     r = test::udp_request(R"({"msg_type":"get","ext_def":[1],"msg_name":"s","msg_id":"12"})");
     ASSERT_TRUE(r);
     EXPECT_EQ(test::compact(*r), R"({"ext_def":{"v":1},"msg_name":"s","msg_id":0})");
-    EXPECT_EQ(g_last_get_key, "ext_def");
+    EXPECT_EQ(last(g_last_get_key_text), "ext_def");
 }
 
 TEST_F(Server, ShortTypesReadAndBareGetIsEmptyObject)
@@ -120,7 +134,7 @@ TEST_F(Server, SetRoutesAndEchoesOnlyNumericId)
     ASSERT_TRUE(r);
     EXPECT_EQ(*r, printed(R"({"msg_name":"status","msg_id":13})"));
     EXPECT_EQ(g_set_calls.load(), 1);
-    EXPECT_EQ(g_last_set, R"(ext={"x":5})");
+    EXPECT_EQ(last(g_last_set_text), R"(ext={"x":5})");
 
     r = test::udp_request(R"({"msg_type":"s","msg_id":"12"})");
     ASSERT_TRUE(r);
@@ -132,12 +146,12 @@ TEST_F(Server, PostWritesOrReads)
     auto r = test::udp_request(R"({"msg_type":"post","msg_name":"ext","msg_send":"s","data":{"k":1}})");
     ASSERT_TRUE(r);
     EXPECT_EQ(test::compact(*r), R"({"msg_type":"post","msg_name":"ext","msg_send":"s","data":{"k":1}})");
-    EXPECT_EQ(g_last_set, R"(data={"k":1})");
+    EXPECT_EQ(last(g_last_set_text), R"(data={"k":1})");
 
     r = test::udp_request(R"({"msg_type":"p","msg_name":"ext"})");
     ASSERT_TRUE(r);
     EXPECT_EQ(test::compact(*r), R"({"msg_type":"p","msg_name":"ext","data":{"post":1}})");
-    EXPECT_EQ(g_last_get_key, "(null)");
+    EXPECT_EQ(last(g_last_get_key_text), "(null)");
 
     // No module of that name: the request comes back unchanged.
     r = test::udp_request(R"({"msg_type":"post","msg_name":"zzz","data":{"k":1}})");

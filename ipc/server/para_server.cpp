@@ -82,7 +82,7 @@ const char* string_of(const cJSON* obj, const char* key)
 
 void log_tree_at_detail(const char* what, const cJSON* json)
 {
-    if (dbgout_profile.para_level != PARA_DETAIL || !json)
+    if (para::log_level() != PARA_DETAIL || !json)
         return;
     para::CharPtr text(cJSON_Print(json));
     PARA_LOG(PARA_DETAIL, "%s%s", what, text ? text.get() : "(unprintable)");
@@ -253,7 +253,7 @@ int Recive_message_Process_gset(para_server_message_info* info, cJSON* json, int
 
     char* text = nullptr;
     if (proto) {
-        if (dbgout_profile.para_level == PARA_DETAIL) {
+        if (para::log_level() == PARA_DETAIL) {
             para::CharPtr t(cJSON_Print(reply.get()));
             PARA_LOG(PARA_DETAIL, "reverse_convert:%s", t ? t.get() : "");
         }

@@ -1,0 +1,397 @@
+// Storage faults: a read-write directory that is missing or cannot hold
+// files, a full disk, and current files cut at every byte (a power cut
+// while the file was rewritten in place). The library must not crash, must
+// say what went wrong, must fall back to the defaults when the current file
+// is bad, and must never lose the values it holds in memory.
+#include "para_internal.h"
+#include "support.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+namespace {
+
+/* A module whose current values live in one file of the read-write
+ * directory, as the fault tests drive it. */
+struct Persisted {
+    const char* name;
+    const char* cur_file;   // relative to the read-write directory
+    void (*load)();         // start-up in a fresh process
+    std::string (*state)(); // the values in memory, as text
+    void (*change)(int k);  // accepts values that differ from the defaults (and per k)
+    int (*save)();
+    int (*need_save)();
+};
+
+std::string print(cJSON* json)
+{
+    para::JsonPtr owned(json);
+    para::CharPtr text(owned ? cJSON_PrintUnformatted(owned.get()) : nullptr);
+    return text ? text.get() : "(none)";
+}
+
+char* no_name()
+{
+    return nullptr;
+}
+
+const Persisted kVideo = {
+    "video",
+    "video_cur.json",
+    [] { para_init_video(no_name()); },
+    [] {
+        std::string s;
+        for (int i = 0; i < para_get_video_streamNum(); ++i)
+            s += print(Create_Json_Video_Object(i));
+        return s;
+    },
+    [](int k) {
+        para_set_video_frameRate_cur(0, 12 + k);
+        para_set_video_protocol_cur(0, 2 - k);
+        para_set_video_bitRate_cur(1, 777 + k);
+        para_set_video_size_cur(1, 16 + k);
+    },
+    [] { return para_save_video(no_name()); },
+    [] { return para_need_save_video(no_name()); },
+};
+
+const Persisted kOdm = {
+    "odm",
+    "persist/odm.json",
+    [] {
+        para_init_odm(no_name());
+        para_init_stage2_odm(no_name());
+    },
+    [] { return json_odm_file ? print(cJSON_Duplicate(json_odm_file, 1)) : std::string("(none)"); },
+    [](int k) {
+        para_set_odm_int(const_cast<char*>("isp0_style_def"), 3 + k);
+        para_set_odm_string(const_cast<char*>("model"), const_cast<char*>(k ? "cam-y" : "cam-x"));
+    },
+    [] { return para_save_odm(no_name()); },
+    [] { return para_need_save_odm(no_name()); },
+};
+
+const Persisted* const kModules[] = {&kVideo, &kOdm};
+
+/* Loads in a process of its own: the test binary started again with
+ * PARA_FAULT_LOAD naming the module (and the directories) prints the
+ * module's values and ends as the tests would start. */
+class FreshLoad : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        const char* name = std::getenv("PARA_FAULT_LOAD");
+        if (!name)
+            return;
+        dbgout_profile.para_level = 0;
+        para_profile.param_rofile_dir = std::getenv("PARA_FAULT_RO");
+        para_profile.param_rwfile_dir = std::getenv("PARA_FAULT_RW");
+        for (const Persisted* m : kModules) {
+            if (std::strcmp(m->name, name) == 0) {
+                m->load();
+                std::printf("<state>%s</state>", m->state().c_str());
+                std::fflush(stdout);
+                _exit(0);
+            }
+        }
+        _exit(2);
+    }
+};
+::testing::Environment* const fresh_load_env = ::testing::AddGlobalTestEnvironment(new FreshLoad);
+
+std::string fresh_load(const Persisted& m)
+{
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0)
+        return "no executable";
+    self[n] = '\0';
+    auto r = test::run_command(std::string("PARA_FAULT_LOAD=") + m.name + " PARA_FAULT_RO='" +
+                               para_profile.param_rofile_dir + "' PARA_FAULT_RW='" +
+                               para_profile.param_rwfile_dir + "' '" + self + "'");
+    size_t from = r.out.find("<state>"), to = r.out.rfind("</state>");
+    if (r.status != 0 || from == std::string::npos || to == std::string::npos)
+        return "failed " + std::to_string(r.status) + ": " + r.out;
+    return r.out.substr(from + 7, to - from - 7);
+}
+
+std::string path_of(const std::string& dir, const char* file)
+{
+    return dir + "/" + file;
+}
+
+/* Runs fn in a forked child (fresh module state, the parent's files) and
+ * hands back its text; "crash <status>" when it did not exit normally. */
+std::string in_child(const std::function<std::string()>& fn)
+{
+    int p[2];
+    if (pipe(p) != 0)
+        return "pipe failed";
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(p[0]);
+        std::string out = fn();
+        size_t done = 0;
+        while (done < out.size()) {
+            ssize_t n = write(p[1], out.data() + done, out.size() - done);
+            if (n <= 0)
+                break;
+            done += static_cast<size_t>(n);
+        }
+        _exit(0);
+    }
+    close(p[1]);
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(p[0], buf, sizeof buf)) > 0)
+        out.append(buf, static_cast<size_t>(n));
+    close(p[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        return "crash " + std::to_string(status);
+    return out;
+}
+
+/* A child of a process with threads may not start threads of its own. */
+bool single_threaded()
+{
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d))
+            n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n == 1;
+}
+
+/* Writes at most limit bytes per file while alive; going past fails with
+ * EFBIG instead of a signal. */
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t limit)
+    {
+        getrlimit(RLIMIT_FSIZE, &saved_);
+        old_handler_ = signal(SIGXFSZ, SIG_IGN);
+        rlimit r = saved_;
+        r.rlim_cur = limit;
+        setrlimit(RLIMIT_FSIZE, &r);
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &saved_);
+        signal(SIGXFSZ, old_handler_);
+    }
+
+private:
+    rlimit saved_{};
+    sighandler_t old_handler_;
+};
+
+class Faults : public ::testing::TestWithParam<const Persisted*> {
+protected:
+    void SetUp() override
+    {
+        test::copy_dir_files(test::example_device_dir(), dir.ro());
+        dir.use_as_profile();
+        para_set_video_save_param_time(0);
+    }
+    const Persisted& m() const { return *GetParam(); }
+    std::string cur_path() const { return path_of(dir.rw(), m().cur_file); }
+
+    /* Makes the module's current file (through the module itself) and
+     * returns the values it holds next to those of a start without it. */
+    void make_current_file(std::string* saved_state, std::string* default_state)
+    {
+        const Persisted& mod = m();
+        *default_state = in_child([&] {
+            mod.load();
+            return mod.state();
+        });
+        *saved_state = in_child([&] {
+            mod.load();
+            mod.change(0);
+            mod.save();
+            return mod.state();
+        });
+        ASSERT_NE(*saved_state, *default_state);
+        ASSERT_EQ(in_child([&] {
+                      mod.load();
+                      return mod.state();
+                  }),
+                  *saved_state)
+            << "the saved file does not load back";
+    }
+
+    std::string fail_first_save(const std::string& rw, const char* place);
+
+    test::TempDir dir;
+};
+
+void PrintTo(const Persisted* p, std::ostream* os)
+{
+    *os << p->name;
+}
+
+std::string param_name(const ::testing::TestParamInfo<const Persisted*>& info)
+{
+    return info.param->name;
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Modules, Faults, ::testing::ValuesIn(kModules), param_name);
+
+/* Every prefix of a current file, loaded by a fresh process: either the whole
+ * file applies (only its trailing NUL or blanks were cut) or none of it does
+ * and the defaults stand, with a log line saying why. Never a crash, never a
+ * mixture. */
+TEST_P(Faults, CurrentFileCutAtEveryByte)
+{
+    if (!single_threaded())
+        GTEST_SKIP() << "run this test in a process of its own (ctest does)";
+    std::string saved_state, default_state;
+    make_current_file(&saved_state, &default_state);
+    auto full = test::read_file(cur_path());
+    ASSERT_TRUE(full);
+    size_t last_brace = full->rfind('}');
+    ASSERT_NE(last_brace, std::string::npos);
+
+    const Persisted& mod = m();
+    for (size_t cut = 0; cut < full->size(); ++cut) {
+        test::write_file(cur_path(), full->substr(0, cut));
+        std::string got = in_child([&] {
+            test::LogCapture log(PARA_INFO);
+            mod.load();
+            std::string s = mod.state();
+            bool told = log.contains("Error before") || log.contains("Error read cur buf") ||
+                        log.contains("not a JSON object");
+            return (told ? "logged " : "silent ") + s;
+        });
+        if (cut > last_brace) {
+            ASSERT_EQ(got, "silent " + saved_state) << "cut at " << cut;
+        } else {
+            ASSERT_EQ(got, "logged " + default_state) << "cut at " << cut;
+        }
+    }
+}
+
+/* Loads with the read-write directory rw, which cannot take files, and
+ * accepts changes: the save fails with a log line naming the place, the
+ * values stay and the save stays pending. Returns the values. */
+std::string Faults::fail_first_save(const std::string& rw, const char* place)
+{
+    para_profile.param_rwfile_dir = const_cast<char*>(rw.c_str());
+    m().load();
+    m().change(0);
+    std::string state = m().state();
+    test::LogCapture log(PARA_ERR);
+    m().save();
+    EXPECT_GT(log.count(place), 0) << log.dump();
+    EXPECT_EQ(m().state(), state);
+    EXPECT_TRUE(test::wait_until([&] { return m().need_save() == 1; }, 3000))
+        << "the failed save is not tried again";
+    return state;
+}
+
+/* The read-write directory does not exist yet (storage not mounted): once
+ * it is there the next save writes the values. */
+TEST_P(Faults, MissingDirectoryKeepsValuesUntilItCanSave)
+{
+    std::string rw = dir.path() + "/late";
+    std::string state = fail_first_save(rw, "late");
+    ASSERT_EQ(mkdir(rw.c_str(), 0755), 0);
+    m().save();
+    EXPECT_EQ(m().need_save(), 0);
+    EXPECT_EQ(fresh_load(m()), state);
+}
+
+/* A read-write "directory" below a regular file: every open fails, even for
+ * root. */
+TEST_P(Faults, DirectoryBelowAFileKeepsValues)
+{
+    std::string blocker = dir.path() + "/blocker";
+    test::write_file(blocker, "x");
+    std::string rw = blocker + "/rw"; // the profile keeps pointing at it
+    std::string state = fail_first_save(rw, "blocker");
+    ASSERT_EQ(unlink(blocker.c_str()), 0);
+    ASSERT_EQ(mkdir(blocker.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(rw.c_str(), 0755), 0);
+    m().save();
+    EXPECT_EQ(fresh_load(m()), state);
+}
+
+/* The disk fills up while the file is rewritten: the save reports the
+ * failure, the cut file on disk loads as defaults, the values in memory
+ * stay and the retry writes them whole once there is room again. */
+TEST_P(Faults, FullDiskKeepsValuesAndRetries)
+{
+    if (!single_threaded())
+        GTEST_SKIP() << "run this test in a process of its own (ctest does)";
+    std::string saved_state, default_state;
+    make_current_file(&saved_state, &default_state);
+    m().load();
+    ASSERT_EQ(m().state(), saved_state);
+    m().change(1);
+    std::string state = m().state();
+    ASSERT_NE(state, saved_state);
+
+    test::LogCapture log(PARA_ERR);
+    int r;
+    {
+        FileSizeLimit limit(16);
+        r = m().save();
+    }
+    EXPECT_NE(r, 0);
+    EXPECT_TRUE(log.contains("File too large")) << log.dump();
+    EXPECT_EQ(m().state(), state);
+    EXPECT_EQ(fresh_load(m()), default_state) << "a cut file must not load";
+
+    ASSERT_TRUE(test::wait_until([&] { return m().need_save() == 1; }, 3000));
+    EXPECT_EQ(m().save(), 0);
+    EXPECT_EQ(fresh_load(m()), state);
+}
+
+/* The whole library: the sweep of the running worker notices the failed
+ * save ("save err") and writes the values by itself once it can, without a
+ * further change. */
+TEST(FaultsLifecycle, SweepRetriesAFailedSave)
+{
+    test::TempDir dir;
+    test::copy_dir_files(test::example_device_dir(), dir.ro());
+    dir.use_as_profile();
+    para_server_port = 0;
+    platformparam_set_save_param_time(50, 50);
+    platformparam_init();
+
+    test::LogCapture log(PARA_ERR);
+    {
+        FileSizeLimit limit(16);
+        para_set_video_gop_cur(1, 77);
+        ASSERT_TRUE(test::wait_until([&] { return log.contains("video0 save err"); }, 3000))
+            << log.dump();
+    }
+    auto cut = test::read_file(dir.rw() + "/video_cur.json");
+    ASSERT_TRUE(cut);
+    EXPECT_LE(cut->size(), 16u);
+    ASSERT_TRUE(test::wait_until(
+        [&] {
+            auto t = test::read_file(dir.rw() + "/video_cur.json");
+            return t && t->find("\"gop\":\t77") != std::string::npos;
+        },
+        3000));
+    EXPECT_EQ(para_get_video_gop_cur(1), 77);
+    platformparam_stop(1);
+}
