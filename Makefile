@@ -1,6 +1,7 @@
 # Entry points for a fresh Debian machine:
 #   make run    install what is missing, build, serve examples/device with paramd
 #   make test   install what is missing, build, run every test
+#   make test-aarch64  the same as a cross build for the board, run under qemu
 BUILD    ?= build
 TYPE     ?= RelWithDebInfo
 JOBS     ?= $(shell nproc)
@@ -38,6 +39,28 @@ test-asan:
 
 test-tsan:
 	$(MAKE) test BUILD=build-tsan TYPE=Debug CMAKE_ARGS="-DPARA_SANITIZE=thread"
+
+# Cross build for the board (AArch64): Debian's cross compilers, the arm64
+# multiarch cJSON, GoogleTest from source, the tests run under qemu-user.
+AARCH64_BUILD    ?= build-aarch64
+AARCH64_PACKAGES := cmake make pkg-config gcc-aarch64-linux-gnu g++-aarch64-linux-gnu \
+                    qemu-user googletest libcjson-dev:arm64 libstdc++6:arm64
+
+.PHONY: deps-aarch64 test-aarch64
+
+deps-aarch64:
+	@dpkg --print-foreign-architectures | grep -qx arm64 || { \
+	  echo "adding architecture arm64"; \
+	  SUDO=$$( [ "$$(id -u)" = 0 ] || echo sudo ); \
+	  $$SUDO dpkg --add-architecture arm64; \
+	}
+	@$(MAKE) --no-print-directory deps PACKAGES="$(AARCH64_PACKAGES)"
+
+test-aarch64: deps-aarch64
+	cmake -S . -B $(AARCH64_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
+	  -DCMAKE_BUILD_TYPE=$(TYPE) $(CMAKE_ARGS)
+	cmake --build $(AARCH64_BUILD) -j $(JOBS)
+	ctest --test-dir $(AARCH64_BUILD) -j $(JOBS) --output-on-failure
 
 clean:
 	rm -rf build build-*

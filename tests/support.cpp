@@ -247,6 +247,12 @@ CommandResult run_command(const std::string& cmd)
     return r;
 }
 
+std::string tools_prefix()
+{
+    std::string emulator = PARA_TEST_EMULATOR;
+    return (emulator.empty() ? "" : emulator + " ") + PARA_BINARY_DIR + "/tools/";
+}
+
 std::string compact(const std::string& json_text)
 {
     cJSON* j = cJSON_Parse(json_text.c_str());

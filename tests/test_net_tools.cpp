@@ -1,6 +1,7 @@
 // paramd and paramctl as a user runs them: real processes, real port 6800.
 #include <gtest/gtest.h>
 
+#include "para_internal.h"
 #include "support.h"
 
 #include <signal.h>
@@ -12,7 +13,7 @@
 
 namespace {
 
-const std::string kBin = std::string(PARA_BINARY_DIR) + "/tools/";
+const std::string kBin = test::tools_prefix();
 
 using Result = test::CommandResult;
 
@@ -32,8 +33,8 @@ public:
             (void)f;
             dup2(1, 2);
             std::string ro = test::example_device_dir();
-            execl((kBin + "paramd").c_str(), "paramd", "--ro", ro.c_str(), "--rw", rw.c_str(), "--log-level", "3",
-                  static_cast<char*>(nullptr));
+            std::string cmd = "exec " + kBin + "paramd --ro '" + ro + "' --rw '" + rw + "' --log-level 3";
+            execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
     }
@@ -73,18 +74,35 @@ TEST(Tools, ParamdServesTheExampleDeviceAndStopsWithASave)
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_EQ(test::compact(r.out), R"({"msg_name":"t","msg_id":9})");
 
-    r = run(kBin + "paramctl get video0 bitRate");
+    r = run(kBin + "paramctl get video0 all");
     EXPECT_EQ(r.status, 0) << r.out;
-    EXPECT_NE(r.out.find("msg_name = \"paramctl\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("video0.bitRate = 4500"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("video0.size = \"PIC_HD1080\""), std::string::npos) << r.out;
+
+    // A change through paramctl reaches the host's page callback and, at
+    // the forced save of the stop, the current file.
+    r = run(kBin + "paramctl set video1 gop=25");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_TRUE(test::wait_until([&] { return d.output().find("video page:") != std::string::npos; }, 2000));
 
     r = run(kBin + "paramctl api getStatus nothing");
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.out.find("Invalid API command"), std::string::npos);
 
+    // A second server on the same port is refused with a clear message.
+    r = run(kBin + "paramd --ro " + test::example_device_dir() + " --rw " + dir.rw());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("UDP port 6800 is in use"), std::string::npos) << r.out;
+
     EXPECT_EQ(d.stop(SIGTERM), 0);
     std::string out = d.output();
     EXPECT_NE(out.find("stopping (signal 15): saving every module"), std::string::npos) << out;
     EXPECT_NE(out.find("paramd: stopped"), std::string::npos) << out;
+    auto saved = test::read_file(dir.rw() + "/video_cur.json");
+    ASSERT_TRUE(saved);
+    para::JsonPtr j(cJSON_Parse(saved->c_str()));
+    ASSERT_TRUE(j);
+    EXPECT_EQ(cJSON_GetObjectItem(cJSON_GetObjectItem(j.get(), "video1"), "gop")->valueint, 25);
 }
 
 TEST(Tools, ParamctlTimesOutClearlyWithoutServer)

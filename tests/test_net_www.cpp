@@ -44,7 +44,7 @@ protected:
 
 test::CommandResult paramctl(const std::string& args)
 {
-    return test::run_command(std::string(PARA_BINARY_DIR) + "/tools/paramctl " + args);
+    return test::run_command(test::tools_prefix() + "paramctl " + args);
 }
 
 } // namespace

@@ -3,7 +3,9 @@
 // and stops with a forced save on SIGINT/SIGTERM.
 #include "para.h"
 
+#include <arpa/inet.h>
 #include <getopt.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -80,6 +82,22 @@ void install_callbacks()
     p.conf_caller = [](char* f) { say("%s.conf page changed or reloaded", f); };
 }
 
+// The library keeps running without its port (and only logs it); a user who
+// starts a second paramd wants to be told instead.
+bool port_free(int port)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0)
+        return true;
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    close(fd);
+    return ok;
+}
+
 bool is_dir(const char* path)
 {
     struct stat st{};
@@ -141,6 +159,11 @@ int main(int argc, char** argv)
     // The library builds paths in 128-byte buffers.
     if (ro.size() > 100 || rw.size() > 100) {
         fprintf(stderr, "paramd: directory names longer than 100 characters are not supported\n");
+        return 1;
+    }
+
+    if (!port_free(PARA_SERVER_PORT)) {
+        fprintf(stderr, "paramd: UDP port %d is in use (is another paramd running?)\n", PARA_SERVER_PORT);
         return 1;
     }
 
