@@ -128,18 +128,18 @@ typedef struct param_handle_t {
 
 PARA_API int register_param_command(char* customer_name, param_handle_t* param_list, int array_size);
 
+/* The five table operations that the typed and store modules offer alike. */
+#define PARA_DECLARE_TABLE_OPS(mod)                                                          \
+    PARA_API int para_init_##mod(char* parse_name);                                          \
+    PARA_API int para_set_##mod##_opt(char* req_name, void* jsonIn, char* parse_name);       \
+    PARA_API int para_get_##mod##_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name); \
+    PARA_API int para_need_save_##mod(char* parse_name);                                     \
+    PARA_API int para_save_##mod(char* parse_name);
+
 /* ======================== BEGIN stores (json / conf / misc / odm) ======= */
 /* Table operations of the JSON-described modules and the .conf modules. */
-PARA_API int para_init_misc(char* parse_name);
-PARA_API int para_set_misc_opt(char* req_name, void* jsonIn, char* parse_name);
-PARA_API int para_get_misc_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
-PARA_API int para_need_save_misc(char* parse_name);
-PARA_API int para_save_misc(char* parse_name);
-PARA_API int para_init_conf(char* parse_name);
-PARA_API int para_set_conf_opt(char* req_name, void* jsonIn, char* parse_name);
-PARA_API int para_get_conf_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
-PARA_API int para_need_save_conf(char* parse_name);
-PARA_API int para_save_conf(char* parse_name);
+PARA_DECLARE_TABLE_OPS(misc)
+PARA_DECLARE_TABLE_OPS(conf)
 
 /* .conf modules: key = value text files without ranges. */
 PARA_API int para_init_single_conf(char* parse_name);
@@ -351,11 +351,7 @@ PARA_API extern const image_size_s size_name[43];
                         PARA_API int para_set_video_##M##_cur_bystr(int index, char* str);)
 PARA_VIDEO_MEMBERS(PARA_VIDEO_DECL)
 
-PARA_API int para_init_video(char* parse_name);
-PARA_API int para_set_video_opt(char* req_name, void* jsonIn, char* parse_name);
-PARA_API int para_get_video_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
-PARA_API int para_need_save_video(char* parse_name);
-PARA_API int para_save_video(char* parse_name);
+PARA_DECLARE_TABLE_OPS(video)
 PARA_API void para_set_video_save_param_time(int ms);
 PARA_API int save_cur_video_param_delay(int msec);
 PARA_API int para_get_video_streamNum(void);
@@ -488,11 +484,7 @@ PARA_API int para_get_isp_cur_member(char* memberName, int chn, int* val, char**
 PARA_API int para_get_isp_def_member(char* memberName, int chn, int* val, char** valString);
 
 /* Handler-table operations (rows "isp0" and "isp1"). */
-PARA_API int para_init_isp(char* parse_name);
-PARA_API int para_set_isp_opt(char* req_name, void* jsonIn, char* parse_name);
-PARA_API int para_get_isp_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
-PARA_API int para_need_save_isp(char* parse_name);
-PARA_API int para_save_isp(char* parse_name);
+PARA_DECLARE_TABLE_OPS(isp)
 
 /* Maintenance of defaults. A bad ISP number is refused with -1. */
 PARA_API int para_set_isp_antiflicker_def(int pipe, int value);
@@ -556,11 +548,7 @@ PARA_API extern const char* const audioOut[2];
     PARA_TYPED_IF_NAMED(kind, PARA_API const char* para_get_audio_##M##_str(int index);)
 PARA_AUDIO_MEMBERS(PARA_AUDIO_DECL)
 
-PARA_API int para_init_audio(char* parse_name);
-PARA_API int para_set_audio_opt(char* req_name, void* jsonIn, char* parse_name);
-PARA_API int para_get_audio_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name);
-PARA_API int para_need_save_audio(char* parse_name);
-PARA_API int para_save_audio(char* parse_name);
+PARA_DECLARE_TABLE_OPS(audio)
 PARA_API void para_set_audio_save_param_time(int ms);
 PARA_API int save_cur_audio_param_delay(int msec);
 PARA_API void _parse_audio_range_json(cJSON* json);

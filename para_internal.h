@@ -62,9 +62,8 @@ char* print_json(const cJSON* json);
 
 /* Formatted print + one NUL byte, written with "wb". Returns the fflush
  * result (0 ok), or 0 without writing when the file cannot be opened.
- * Failures are logged; *stored, when given, tells whether the whole text
- * reached the file. */
-int write_json_file(const char* path, const cJSON* json, bool* stored = nullptr);
+ * Either failure is logged with its cause. */
+int write_json_file(const char* path, const cJSON* json);
 
 /* Integer value of any item: numbers saturate at the int limits, true is 1,
  * everything else 0. */

@@ -256,17 +256,10 @@ int para_save_odm(char* parse_name)
     if (!odm_paths(p))
         return 0;
     ensure_persist_dir(p);
-    std::unique_lock<std::mutex> lock(odm_mutex);
+    std::lock_guard<std::mutex> lock(odm_mutex);
     if (!json_odm_file)
         return 0;
-    bool stored = false;
-    int r = para::write_json_file(p.file, json_odm_file, &stored);
-    lock.unlock();
-    /* Factory values exist nowhere else: a write that did not reach the
-     * file is tried again after the delay. */
-    if (!stored)
-        odm_mark_changed();
-    return r;
+    return para::write_json_file(p.file, json_odm_file);
 }
 
 /* ---- accessors ------------------------------------------------------ */

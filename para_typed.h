@@ -516,12 +516,9 @@ inline int need_save(const Module& m)
 }
 
 /* Writes the current file. The flag is cleared before the snapshot, so a
- * change that lands while writing is saved by the next sweep. A write that
- * did not reach the file (directory gone, read-only, disk full) marks the
- * values changed again: the sweep retries after the module's delay instead
- * of leaving a cut file behind until the next change. Saves from the sweep
- * and from the application are serialised so two writers never interleave
- * in the one file. */
+ * change that lands while writing is saved by the next sweep. Saves from the
+ * sweep and from the application are serialised so two writers never
+ * interleave in the one file. */
 inline int save(const Module& m)
 {
     static std::mutex file_mu;
@@ -533,13 +530,9 @@ inline int save(const Module& m)
     }
     JsonPtr tree(file_object(m));
     char path[PARA_PATH_MAX];
-    bool stored = false;
-    int r = make_path(path, para_profile.param_rwfile_dir, m.files[2])
-                ? write_json_file(path, tree.get(), &stored)
-                : 0;
-    if (!stored)
-        m.st->change.mark();
-    return r;
+    if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
+        return 0;
+    return write_json_file(path, tree.get());
 }
 
 inline int save_delay(const Module& m, int msec)

@@ -173,10 +173,8 @@ char* print_json(const cJSON* json)
     return text;
 }
 
-int write_json_file(const char* path, const cJSON* json, bool* stored)
+int write_json_file(const char* path, const cJSON* json)
 {
-    if (stored)
-        *stored = false;
     CharPtr text(print_json(json));
     if (!text)
         return -1;
@@ -196,8 +194,6 @@ int write_json_file(const char* path, const cJSON* json, bool* stored)
     }
     if (r != 0)
         PARA_LOG(PARA_ERR, "writing %s failed: %s", path, strerror(err));
-    else if (stored)
-        *stored = true;
     return r;
 }
 

@@ -102,17 +102,4 @@ void MemFile::assign(const void* data, size_t size)
     }
 }
 
-std::string MemFile::content() const
-{
-    std::string out;
-    char buf[4096];
-    off_t at = 0;
-    ssize_t n;
-    while ((n = pread(fd_, buf, sizeof buf, at)) > 0) {
-        out.append(buf, static_cast<size_t>(n));
-        at += n;
-    }
-    return out;
-}
-
 } // namespace fuzz

@@ -33,8 +33,6 @@ public:
     // Replaces the content.
     void assign(const void* data, size_t size);
     const char* path() const { return path_; }
-    // Current content.
-    std::string content() const;
 
 private:
     int fd_;

@@ -20,15 +20,16 @@ void print_and_free(cJSON* json)
     cJSON_Delete(json);
 }
 
-/* By-name reads and writes of every name the input mentions, on every
- * record and one past each end. */
+/* By-name reads and writes of every name the input mentions, on the first
+ * and last record and one past each end. */
 void members_by_name(const TypedTarget& t, const cJSON* names)
 {
+    const int records[] = {-1, 0, t.records - 1, t.records};
     for (const cJSON* m = names ? names->child : nullptr; m; m = m->next) {
         char* name = cJSON_IsString(m) ? m->valuestring : m->string;
         if (!name)
             continue;
-        for (int r = -1; r <= t.records; ++r) {
+        for (int r : records) {
             int val = 0;
             char* text = nullptr;
             char* given = cJSON_IsString(m) ? m->valuestring : nullptr;

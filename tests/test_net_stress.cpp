@@ -14,6 +14,8 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <thread>
 #include <vector>
 
@@ -21,7 +23,7 @@ namespace {
 
 /* What the saved files hold after the stop, per module. */
 struct Files {
-    para::JsonPtr video;
+    para::JsonPtr video, audio, af, isp;
     para::JsonPtr odm;
     configure* misc = nullptr;
     configure* netport = nullptr;
@@ -68,16 +70,27 @@ int identity(int v)
     return v;
 }
 
+/* Typed-module members: names for named members, numbers otherwise. */
+#define STRESS_TEXT_named(tag, M) [](int v) { return std::string(para_get_##tag##_##M##_str(v)); }
+#define STRESS_TEXT_num(tag, M) [](int v) { return std::to_string(v); }
+#define STRESS_REQ_named(tag, M) [](int v) { return "\"" + std::string(para_get_##tag##_##M##_str(v)) + "\""; }
+#define STRESS_REQ_num(tag, M) [](int v) { return std::to_string(v); }
+#define STRESS_BACK_named(tag, M) \
+    [](int v) { return para_get_##tag##_##M##_num(const_cast<char*>(para_get_##tag##_##M##_str(v))); }
+#define STRESS_BACK_num(tag, M) identity
+
+/* The member's text in a saved file: record is the stream's object (or
+ * the whole file of a flat module). */
+std::string member_text(const cJSON* file, const std::string& record, const char* key)
+{
+    const cJSON* obj = record.empty() ? file : cJSON_GetObjectItem(file, record.c_str());
+    return json_text(cJSON_GetObjectItem(obj, key));
+}
+
 void add_video_cells(std::vector<Cell>& cells)
 {
     for (int s = 0; s < para_get_video_streamNum(); ++s) {
         std::string stream = "video" + std::to_string(s);
-#define STRESS_VIDEO_NAME_named(M) [](int v) { return std::string(para_get_video_##M##_str(v)); }
-#define STRESS_VIDEO_NAME_num(M) [](int v) { return std::to_string(v); }
-#define STRESS_VIDEO_REQ_named(M) [](int v) { return "\"" + std::string(para_get_video_##M##_str(v)) + "\""; }
-#define STRESS_VIDEO_REQ_num(M) [](int v) { return std::to_string(v); }
-#define STRESS_VIDEO_BACK_named(M) [](int v) { return para_get_video_##M##_num(const_cast<char*>(para_get_video_##M##_str(v))); }
-#define STRESS_VIDEO_BACK_num(M) identity
 #define STRESS_VIDEO_CELL(M, kind, table)                                                     \
         if (para_get_video_##M##_cur(s) != -1)                                                \
             cells.push_back(Cell{                                                             \
@@ -85,14 +98,58 @@ void add_video_cells(std::vector<Cell>& cells)
                 [s](int v) { para_set_video_##M##_cur(s, v); },                               \
                 [s] { return para_get_video_##M##_cur(s); },                                  \
                 [stream](int v) {                                                             \
-                    return "\"" + stream + "\":{\"" #M "\":" + STRESS_VIDEO_REQ_##kind(M)(v) + "}"; \
+                    return "\"" + stream + "\":{\"" #M "\":" + STRESS_REQ_##kind(video, M)(v) + "}"; \
                 },                                                                            \
-                STRESS_VIDEO_BACK_##kind(M), STRESS_VIDEO_NAME_##kind(M),                     \
-                [stream](const Files& f) {                                                    \
-                    return json_text(cJSON_GetObjectItem(                                     \
-                        cJSON_GetObjectItem(f.video.get(), stream.c_str()), #M));             \
-                }});
+                STRESS_BACK_##kind(video, M), STRESS_TEXT_##kind(video, M),                   \
+                [stream](const Files& f) { return member_text(f.video.get(), stream, #M); }});
         PARA_VIDEO_MEMBERS(STRESS_VIDEO_CELL)
+    }
+}
+
+void add_audio_cells(std::vector<Cell>& cells)
+{
+#define STRESS_AUDIO_CELL(M, kind, table)                                                     \
+    if (para_get_audio_##M##_cur() != -1 && para_get_audio_##M##_max() > para_get_audio_##M##_min()) \
+        cells.push_back(Cell{                                                                 \
+            "audio." #M, para_get_audio_##M##_min(), para_get_audio_##M##_max(),              \
+            [](int v) { para_set_audio_##M##_cur(v); }, [] { return para_get_audio_##M##_cur(); }, \
+            [](int v) { return "\"audio\":{\"" #M "\":" + STRESS_REQ_##kind(audio, M)(v) + "}"; }, \
+            STRESS_BACK_##kind(audio, M), STRESS_TEXT_##kind(audio, M),                       \
+            [](const Files& f) { return member_text(f.audio.get(), "", #M); }});
+    PARA_AUDIO_MEMBERS(STRESS_AUDIO_CELL)
+}
+
+/* Focus and zoom take no set requests: host threads only. */
+void add_af_cells(std::vector<Cell>& cells)
+{
+#define STRESS_AF_CELL(M)                                                                     \
+    if (para_get_af_##M##_max() > para_get_af_##M##_min())                                    \
+        cells.push_back(Cell{                                                                 \
+            "af." #M, para_get_af_##M##_min(), para_get_af_##M##_max(),                       \
+            [](int v) { para_set_af_##M##_cur(v); }, [] { return para_get_af_##M##_cur(); },  \
+            nullptr, identity, [](int v) { return std::to_string(v); },                       \
+            [](const Files& f) { return member_text(f.af.get(), "", #M); }});
+    PARA_AF_MEMBERS(STRESS_AF_CELL)
+}
+
+/* The style member loads a whole style over the others: left out, every
+ * other settable member of both ISPs is in. */
+void add_isp_cells(std::vector<Cell>& cells)
+{
+    for (int p = 0; p < PARA_ISP_NUM; ++p) {
+        std::string isp = "isp" + std::to_string(p);
+#define STRESS_ISP_CELL_SET(m)                                                                \
+        if (std::string_view(#m) != "style" && para_isp_exist[p].m &&                         \
+            para_get_isp_##m##_max(p) > para_get_isp_##m##_min(p))                            \
+            cells.push_back(Cell{                                                             \
+                isp + "." #m, para_get_isp_##m##_min(p), para_get_isp_##m##_max(p),           \
+                [p](int v) { para_set_isp_##m##_cur(p, v); },                                 \
+                [p] { return para_get_isp_##m##_cur(p); },                                    \
+                [isp](int v) { return "\"" + isp + "\":{\"" #m "\":" + std::to_string(v) + "}"; }, \
+                identity, [](int v) { return std::to_string(v); },                            \
+                [isp](const Files& f) { return member_text(f.isp.get(), isp, #m); }});
+#define STRESS_ISP_CELL(m, file, set, out) PARA_ISP_IF_##set(PARA_ISP_IF_##out(STRESS_ISP_CELL_SET(m)))
+        PARA_ISP_MEMBERS(STRESS_ISP_CELL)
     }
 }
 
@@ -166,6 +223,11 @@ protected:
         para_profile.conf_caller_in = [](char*, const char*) { ++member_calls; };
         para_profile.conf_caller = [](char*) { ++page_calls; };
         para_profile.odm_caller = [](void*) { ++member_calls; };
+        para_profile.audio_caller = [](void*, int) { ++member_calls; };
+        para_profile.audio_page_caller = [](void*) { ++page_calls; };
+        para_profile.af_caller = [](void*, int) { ++member_calls; };
+        para_profile.isp_caller = [](void*, int, int) { ++member_calls; };
+        para_profile.isp_page_caller = [](void*) { ++page_calls; };
         platformparam_set_save_param_time(50, 50);
         platformparam_init();
         ASSERT_EQ(para_server_bound_port(), PARA_SERVER_PORT);
@@ -199,6 +261,9 @@ TEST_F(Stress, LastAcceptedValueOfEveryMemberIsSaved)
     add_misc_cells(cells);
     add_netport_cells(cells);
     add_odm_cells(cells);
+    add_audio_cells(cells);
+    add_af_cells(cells);
+    add_isp_cells(cells);
     ASSERT_GT(cells.size(), 30u);
 
     // Owners 0..2 are host threads, owner 3 writes through the port. Every
@@ -257,9 +322,11 @@ TEST_F(Stress, LastAcceptedValueOfEveryMemberIsSaved)
             R"({"msg_type":"get","msg_id":1,"video0":["all"],"video1":["frameRate","size"]})",
             R"({"msg_type":"get","msg_id":2,"misc":["all"],"netport":["all"]})",
             R"({"msg_type":"get","msg_id":3,"misc_def":["all"],"video1":["all"]})",
+            R"({"msg_type":"get","msg_id":4,"audio":["all"],"af":["all"],"isp0":["all"]})",
+            R"({"msg_type":"get","msg_id":5,"isp1_cur_all":["all"],"isp0_def":["all"]})",
         };
         for (int n = 0; !stop; ++n) {
-            test::udp_send(gets[n % 3]);
+            test::udp_send(gets[n % 5]);
             std::this_thread::sleep_for(std::chrono::microseconds(300));
         }
     };
@@ -267,6 +334,7 @@ TEST_F(Stress, LastAcceptedValueOfEveryMemberIsSaved)
         while (!stop) {
             platformparam_save();
             save_cur_video_param_delay(0);
+            save_cur_audio_param_delay(0);
             ++sweeps;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
@@ -296,13 +364,16 @@ TEST_F(Stress, LastAcceptedValueOfEveryMemberIsSaved)
     platformparam_stop(1);
     Files files;
     bool unreadable = false;
-    files.video = para::load_json_file((dir.rw() + "/video_cur.json").c_str(), &unreadable);
+    for (auto [json, name] : {std::pair{&files.video, "video"}, {&files.audio, "audio"},
+                              {&files.af, "af"}, {&files.isp, "isp"}}) {
+        *json = para::load_json_file((dir.rw() + "/" + name + "_cur.json").c_str(), &unreadable);
+        EXPECT_TRUE(*json) << name;
+    }
     files.odm = para::load_json_file((dir.rw() + "/persist/odm.json").c_str(), &unreadable);
     files.misc = configure_init();
     files.netport = configure_init();
     ASSERT_EQ(configure_parse(files.misc, nullptr, (dir.rw() + "/misc.conf").c_str()), 0);
     ASSERT_EQ(configure_parse(files.netport, nullptr, (dir.rw() + "/netport.conf").c_str()), 0);
-    ASSERT_TRUE(files.video);
     ASSERT_TRUE(files.odm);
     for (size_t i = 0; i < cells.size(); ++i) {
         if (!expected[i].empty()) {
