@@ -156,7 +156,11 @@ int write_conf_file(const char* path, configure* store, bool lock)
         flock(fd, LOCK_EX);
         int r = ftruncate(fd, 0) == 0 && lseek(fd, 0, SEEK_SET) == 0 ? write_store(f, store) : -1;
         flock(fd, LOCK_UN);
-        std::fclose(f);
+        if (std::fclose(f) != 0)
+            r = -1;
+        /* The .conf save reports nothing to the sweep: say it here. */
+        if (r != 0)
+            PARA_LOG(PARA_ERR, "write %s fail: %s", path, strerror(errno));
         return r;
     }
     /* Unlocked files go through a sibling file renamed into place: a crash

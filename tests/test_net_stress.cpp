@@ -324,9 +324,10 @@ TEST_F(Stress, LastAcceptedValueOfEveryMemberIsSaved)
             R"({"msg_type":"get","msg_id":3,"misc_def":["all"],"video1":["all"]})",
             R"({"msg_type":"get","msg_id":4,"audio":["all"],"af":["all"],"isp0":["all"]})",
             R"({"msg_type":"get","msg_id":5,"isp1_cur_all":["all"],"isp0_def":["all"]})",
+            R"({"msg_from":"www","msg_type":"get","msg_name":"encode"})",
         };
-        for (int n = 0; !stop; ++n) {
-            test::udp_send(gets[n % 5]);
+        for (size_t n = 0; !stop; ++n) {
+            test::udp_send(gets[n % std::size(gets)]);
             std::this_thread::sleep_for(std::chrono::microseconds(300));
         }
     };
