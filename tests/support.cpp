@@ -247,10 +247,15 @@ CommandResult run_command(const std::string& cmd)
     return r;
 }
 
-std::string tools_prefix()
+std::string emulator_prefix()
 {
     std::string emulator = PARA_TEST_EMULATOR;
-    return (emulator.empty() ? "" : emulator + " ") + PARA_BINARY_DIR + "/tools/";
+    return emulator.empty() ? "" : emulator + " ";
+}
+
+std::string tools_prefix()
+{
+    return emulator_prefix() + PARA_BINARY_DIR + "/tools/";
 }
 
 std::string compact(const std::string& json_text)

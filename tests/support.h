@@ -77,6 +77,8 @@ CommandResult run_command(const std::string& cmd);
 // Shell prefix of the built tools ("<dir>/tools/"); a cross build puts its
 // emulator in front so the tools run where the tests run.
 std::string tools_prefix();
+// "<emulator> " in a cross build, else "": prefix for re-running a test binary.
+std::string emulator_prefix();
 
 // Compact form of a JSON text (parse + print unformatted), "" if not JSON.
 std::string compact(const std::string& json_text);

@@ -227,7 +227,8 @@ std::string fresh_load(const Persisted& m)
     self[n] = '\0';
     auto r = test::run_command(std::string("PARA_FAULT_LOAD=") + m.name + " PARA_FAULT_RO='" +
                                para_profile.param_rofile_dir + "' PARA_FAULT_RW='" +
-                               para_profile.param_rwfile_dir + "' '" + self + "'");
+                               para_profile.param_rwfile_dir + "' " + test::emulator_prefix() +
+                               "'" + self + "'");
     size_t from = r.out.find("<state>"), to = r.out.rfind("</state>");
     if (r.status != 0 || from == std::string::npos || to == std::string::npos)
         return "failed " + std::to_string(r.status) + ": " + r.out;
