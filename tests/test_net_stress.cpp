@@ -390,3 +390,27 @@ TEST_F(Stress, LastAcceptedValueOfEveryMemberIsSaved)
     RecordProperty("requests", static_cast<int>(requests.load()));
     RecordProperty("sweeps", static_cast<int>(sweeps.load()));
 }
+
+/* Several host threads stopping at once (a signal handler's thread and the
+ * main loop, say): the worker is joined once, every module saved, and every
+ * call returns. */
+TEST_F(Stress, ConcurrentStopsJoinTheWorkerOnce)
+{
+    para_set_video_gop_cur(0, 42);
+    test::LogCapture log(PARA_INFO);
+    std::atomic<int> ready{0};
+    std::vector<std::thread> stoppers;
+    for (int i = 0; i < 4; ++i)
+        stoppers.emplace_back([&] {
+            ++ready;
+            while (ready.load() < 4) {
+            }
+            EXPECT_EQ(platformparam_stop(1), 0);
+        });
+    for (auto& t : stoppers)
+        t.join();
+    EXPECT_EQ(log.count("platformparam_stop ok"), 1);
+    auto saved = test::read_file(dir.rw() + "/video_cur.json");
+    ASSERT_TRUE(saved);
+    EXPECT_NE(saved->find("\"gop\":\t42"), std::string::npos);
+}
