@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 
 namespace {
 
@@ -121,6 +122,46 @@ void add_form_pair(cJSON* req, std::string_view field, std::string_view value)
     }
 }
 
+} // namespace
+
+/* "%.1f" of the single-precision thousands, as printf prints it. Ten times a
+ * float is exact in double, so rounding it half to even (the default
+ * rounding mode, which printf follows too) gives printf's digit. */
+void www_format_thousands(int v, char (&out)[48])
+{
+    const float f = static_cast<float>(v) / 1000;
+    const double tenths = std::nearbyint(std::fabs(static_cast<double>(f) * 10.0));
+    const long long r = static_cast<long long>(tenths);
+    char whole[24];
+    int n = para::format_decimal(r / 10, whole);
+    size_t at = 0;
+    if (std::signbit(f))
+        out[at++] = '-';
+    std::memcpy(out + at, whole, static_cast<size_t>(n));
+    at += static_cast<size_t>(n);
+    out[at++] = '.';
+    out[at++] = static_cast<char>('0' + r % 10);
+    out[at] = '\0';
+}
+
+/* "%.2f" of a double: whole numbers (what modules answer) without printf. */
+void www_format_hundredths(double d, char (&out)[48])
+{
+    if (d == std::trunc(d) && std::fabs(d) < 1e15) {
+        char whole[24];
+        int n = para::format_decimal(static_cast<long long>(d), whole);
+        size_t at = 0;
+        if (std::signbit(d) && whole[0] != '-')
+            out[at++] = '-';
+        std::memcpy(out + at, whole, static_cast<size_t>(n));
+        std::memcpy(out + at + n, ".00", 4);
+        return;
+    }
+    std::snprintf(out, sizeof out, "%.2f", d);
+}
+
+namespace {
+
 /* One pair of a read reply, cut to WWW_PAIR_MAX - 1 characters; 0 when the
  * member's type has no form. */
 int format_pair(char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* member,
@@ -136,14 +177,14 @@ int format_pair(char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* membe
         const int v = para::json_int(member);
         shown = digits;
         if (is_mark(mark, "K") && v % 1000 != 0) {
-            std::snprintf(number, sizeof number, "%.1f", static_cast<float>(v) / 1000);
+            www_format_thousands(v, number);
             shown = number;
         } else if (is_mark(mark, "K")) {
             para::format_decimal(v / 1000, digits);
         } else if (is_mark(mark, "P")) {
             para::format_decimal(static_cast<long long>(v) + 1, digits);
         } else if (is_mark(mark, "F")) {
-            std::snprintf(number, sizeof number, "%.2f", member->valuedouble);
+            www_format_hundredths(member->valuedouble, number);
             shown = number;
         } else {
             para::format_decimal(v, digits);
