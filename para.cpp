@@ -71,7 +71,9 @@ pthread_mutex_t param_mux = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<int> platformparam_Stop_flag{0};
 int para_socket_descriptor = -1;
 pthread_t para_Pid;
-bool para_worker_running = false;
+/* Taken by exactly one stopping thread: a second join of the worker would
+ * wait forever (or worse) on a thread that is gone. */
+std::atomic<bool> para_worker_running{false};
 bool para_server_started = false;
 
 para_server_message_info message_info;
@@ -359,10 +361,9 @@ extern "C" void platformparam_init(void)
 extern "C" int platformparam_stop(int IsStop)
 {
     platformparam_Stop_flag.store(IsStop);
-    if (!IsStop || !para_worker_running)
+    if (!IsStop || !para_worker_running.exchange(false))
         return 0;
     pthread_join(para_Pid, nullptr);
-    para_worker_running = false;
     save_param(1);
     PARA_LOG(PARA_INFO, "platformparam_stop ok");
     return 0;

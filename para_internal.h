@@ -55,6 +55,9 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
  * trailing text) on a parse error. *unreadable tells the two failures apart. */
 JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail = "");
 
+/* Decimal text of v at the start of buf, terminated; returns its length. */
+int format_decimal(long long v, char (&buf)[24]);
+
 /* The same text as cJSON_Print (formatted), byte for byte, built without
  * the sprintf/sscanf round trip per number. Heap text, free() it; NULL when
  * cJSON_Print would fail. */

@@ -46,6 +46,23 @@ JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail)
     return json;
 }
 
+int format_decimal(long long v, char (&buf)[24])
+{
+    char tmp[24];
+    char* p = tmp + sizeof tmp;
+    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    do {
+        *--p = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u);
+    if (v < 0)
+        *--p = '-';
+    int n = static_cast<int>(tmp + sizeof tmp - p);
+    std::memcpy(buf, p, static_cast<size_t>(n));
+    buf[n] = '\0';
+    return n;
+}
+
 namespace {
 
 struct Printer {
@@ -85,23 +102,16 @@ struct Printer {
     void number(const cJSON* item)
     {
         double d = item->valuedouble;
-        char buf[32];
         if (std::isnan(d) || std::isinf(d)) {
             out += "null";
         } else if (d == std::trunc(d) && std::fabs(d) < 1e15) {
             // Integral values print as their digits under "%1.15g" (-0 keeps
             // its sign): the common case, done without printf.
-            char* e = buf + sizeof buf;
-            char* p = e;
-            long long v = static_cast<long long>(d);
-            unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-            do {
-                *--p = static_cast<char>('0' + u % 10);
-                u /= 10;
-            } while (u);
-            if (std::signbit(d))
-                *--p = '-';
-            out.append(p, static_cast<size_t>(e - p));
+            char digits[24];
+            int n = format_decimal(static_cast<long long>(d), digits);
+            if (std::signbit(d) && digits[0] != '-')
+                out += '-'; // -0
+            out.append(digits, static_cast<size_t>(n));
         } else {
             // Rare: leave the exact digits to the JSON library's own rule.
             char* text = cJSON_PrintUnformatted(item);

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdio>
 #include <string>
 
 namespace {
@@ -237,5 +239,29 @@ TEST(Www, LongRepliesGrowTheTextWithinItsLimit)
         test::LogCapture log;
         EXPECT_EQ(reverse(huge), "<null>");
         EXPECT_TRUE(log.contains("cannot grow"));
+    }
+}
+
+// The form texts of "K" fractions and "F" values are built without printf;
+// they must still be exactly what printf would print.
+TEST(Www, MarkTextsMatchPrintf)
+{
+    char ours[48], theirs[48];
+    for (int v = -300000; v <= 300000; ++v) {
+        if (v % 1000 == 0)
+            continue;
+        www_format_thousands(v, ours);
+        std::snprintf(theirs, sizeof theirs, "%.1f", static_cast<float>(v) / 1000);
+        ASSERT_STREQ(ours, theirs) << v;
+    }
+    for (int v : {INT_MAX, INT_MIN, INT_MAX - 1, INT_MIN + 1, 16777217, -16777217, 2147483, 123456789}) {
+        www_format_thousands(v, ours);
+        std::snprintf(theirs, sizeof theirs, "%.1f", static_cast<float>(v) / 1000);
+        EXPECT_STREQ(ours, theirs) << v;
+    }
+    for (double d : {0.0, -0.0, 1.0, -1.0, 1.25, 4.567, -3.333, 1e14, -1e14, 1e15, 2147483647.0, 1e300, 0.005}) {
+        www_format_hundredths(d, ours);
+        std::snprintf(theirs, sizeof theirs, "%.2f", d);
+        EXPECT_STREQ(ours, theirs) << d;
     }
 }

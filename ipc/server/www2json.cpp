@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 
 namespace {
 
@@ -121,33 +122,90 @@ void add_form_pair(cJSON* req, std::string_view field, std::string_view value)
     }
 }
 
+} // namespace
+
+/* "%.1f" of the single-precision thousands, as printf prints it. Ten times a
+ * float is exact in double, so rounding it half to even (the default
+ * rounding mode, which printf follows too) gives printf's digit. */
+void www_format_thousands(int v, char (&out)[48])
+{
+    const float f = static_cast<float>(v) / 1000;
+    const double tenths = std::nearbyint(std::fabs(static_cast<double>(f) * 10.0));
+    const long long r = static_cast<long long>(tenths);
+    char whole[24];
+    int n = para::format_decimal(r / 10, whole);
+    size_t at = 0;
+    if (std::signbit(f))
+        out[at++] = '-';
+    std::memcpy(out + at, whole, static_cast<size_t>(n));
+    at += static_cast<size_t>(n);
+    out[at++] = '.';
+    out[at++] = static_cast<char>('0' + r % 10);
+    out[at] = '\0';
+}
+
+/* "%.2f" of a double: whole numbers (what modules answer) without printf. */
+void www_format_hundredths(double d, char (&out)[48])
+{
+    if (d == std::trunc(d) && std::fabs(d) < 1e15) {
+        char whole[24];
+        int n = para::format_decimal(static_cast<long long>(d), whole);
+        size_t at = 0;
+        if (std::signbit(d) && whole[0] != '-')
+            out[at++] = '-';
+        std::memcpy(out + at, whole, static_cast<size_t>(n));
+        std::memcpy(out + at + n, ".00", 4);
+        return;
+    }
+    std::snprintf(out, sizeof out, "%.2f", d);
+}
+
+namespace {
+
 /* One pair of a read reply, cut to WWW_PAIR_MAX - 1 characters; 0 when the
  * member's type has no form. */
 int format_pair(char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* member,
                 const char* mark, bool first)
 {
     char number[48];
+    char digits[24];
     const char* shown = number;
     if (cJSON_IsString(member)) {
         shown = member->valuestring;
     } else if (cJSON_IsNumber(member)) {
+        // Integers are most of a page; printf only where decimals are shown.
         const int v = para::json_int(member);
-        if (is_mark(mark, "K") && v % 1000 != 0)
-            std::snprintf(number, sizeof number, "%.1f", static_cast<float>(v) / 1000);
-        else if (is_mark(mark, "K"))
-            std::snprintf(number, sizeof number, "%d", v / 1000);
-        else if (is_mark(mark, "P"))
-            std::snprintf(number, sizeof number, "%lld", static_cast<long long>(v) + 1);
-        else if (is_mark(mark, "F"))
-            std::snprintf(number, sizeof number, "%.2f", member->valuedouble);
-        else
-            std::snprintf(number, sizeof number, "%d", v);
+        shown = digits;
+        if (is_mark(mark, "K") && v % 1000 != 0) {
+            www_format_thousands(v, number);
+            shown = number;
+        } else if (is_mark(mark, "K")) {
+            para::format_decimal(v / 1000, digits);
+        } else if (is_mark(mark, "P")) {
+            para::format_decimal(static_cast<long long>(v) + 1, digits);
+        } else if (is_mark(mark, "F")) {
+            www_format_hundredths(member->valuedouble, number);
+            shown = number;
+        } else {
+            para::format_decimal(v, digits);
+        }
     } else {
         PARA_LOG(PARA_INFO, "%s has no form value", field);
         return 0;
     }
-    int n = std::snprintf(out, sizeof out, "%s%s=%s", first ? "" : "&", field, shown);
-    return n < 0 ? 0 : std::min(n, WWW_PAIR_MAX - 1);
+    size_t n = 0;
+    auto put = [&](const char* text) {
+        size_t len = std::min(std::strlen(text), static_cast<size_t>(WWW_PAIR_MAX - 1) - n);
+        std::memcpy(out + n, text, len);
+        n += len;
+    };
+    if (!first)
+        put("&");
+    put(field);
+    put("=");
+    put(shown ? shown : "");
+    out[n] = '\0';
+    return static_cast<int>(n);
 }
 
 } // namespace
@@ -178,12 +236,15 @@ struct json_char_p get_json_name(char* http_name, char** sub_describe, int greed
     return found;
 }
 
-char* get_http_name(char* item_name, char* json_name, char** value_type, char** sub_describe)
+namespace {
+
+/* get_http_name inside an entry already looked up (entry may be null). */
+char* http_name_in(cJSON* entry, const char* item_name, const char* json_name, char** value_type,
+                   char** sub_describe)
 {
-    cJSON* entry = item_name ? cJSON_GetObjectItem(para_config, item_name) : nullptr;
     if (cJSON_IsObject(entry) && json_name) {
         for (cJSON* m = entry->child; m; m = m->next) {
-            if (!cJSON_IsArray(m) || cJSON_GetArraySize(m) < 1 || !para::same(m->string, json_name))
+            if (!cJSON_IsArray(m) || !m->child || !para::same(m->string, json_name))
                 continue;
             char* field = string_at(m, 0);
             if (!field)
@@ -197,6 +258,14 @@ char* get_http_name(char* item_name, char* json_name, char** value_type, char** 
     }
     PARA_LOG(PARA_INFO, "can not find %s.%s", item_name ? item_name : "", json_name ? json_name : "");
     return nullptr;
+}
+
+} // namespace
+
+char* get_http_name(char* item_name, char* json_name, char** value_type, char** sub_describe)
+{
+    cJSON* entry = item_name ? cJSON_GetObjectItem(para_config, item_name) : nullptr;
+    return http_name_in(entry, item_name, json_name, value_type, sub_describe);
 }
 
 cJSON* get_http2json(cJSON* jsonIn)
@@ -265,10 +334,12 @@ char* get_json2http(cJSON* json)
     for (cJSON* module = json ? json->child : nullptr; module; module = module->next) {
         if (!cJSON_IsObject(module))
             continue;
+        // One mapping lookup per module, not per member.
+        cJSON* entry = module->string ? cJSON_GetObjectItem(para_config, module->string) : nullptr;
         for (cJSON* m = module->child; m; m = m->next) {
             char* kind = nullptr;
             char* mark = nullptr;
-            const char* field = get_http_name(module->string, m->string, &kind, &mark);
+            const char* field = http_name_in(entry, module->string, m->string, &kind, &mark);
             char pair[WWW_PAIR_MAX];
             const int n = field ? format_pair(pair, field, m, mark, len == 0) : 0;
             if (n == 0)

@@ -35,4 +35,8 @@ char* get_json2http(cJSON* json);
 char* get_http_name(char* item_name, char* json_name, char** value_type, char** sub_describe);
 struct json_char_p get_json_name(char* http_name, char** sub_describe, int greedy);
 
+/* Form texts of the "K" (fraction) and "F" marks, printf-exact. */
+void www_format_thousands(int v, char (&out)[48]);
+void www_format_hundredths(double d, char (&out)[48]);
+
 #endif
