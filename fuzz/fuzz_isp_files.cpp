@@ -74,11 +74,7 @@ void styles(int isp, int index)
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fuzz::quiet();
-    static std::string ro = fuzz::example_dir();
-    static std::string rw = std::string(fuzz::temp_dir()) + "/rw";
-    mkdir(rw.c_str(), 0755);
-    para_profile.param_rofile_dir = ro.data();
-    para_profile.param_rwfile_dir = rw.data();
+    fuzz::use_example_device();
     if (para_init_isp(const_cast<char*>("isp0")) != 0 || !para_get_isp_style_string(1, 0))
         std::abort(); // the example device loads
     return 0;

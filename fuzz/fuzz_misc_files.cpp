@@ -70,11 +70,7 @@ void read_member(cJSON* obj, cJSON* item)
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fuzz::quiet();
-    static std::string ro = fuzz::example_dir();
-    static std::string rw = std::string(fuzz::temp_dir()) + "/rw";
-    mkdir(rw.c_str(), 0755);
-    para_profile.param_rofile_dir = ro.data();
-    para_profile.param_rwfile_dir = rw.data();
+    fuzz::use_example_device();
     para_init_misc(const_cast<char*>("json"));
     para_init_misc(const_cast<char*>(kMisc));
     if (para_get_json_max(kMisc, "mirror") != 1)

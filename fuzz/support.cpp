@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include <sys/stat.h>
+
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -100,6 +102,15 @@ void MemFile::assign(const void* data, size_t size)
         std::perror("memfd write");
         std::abort();
     }
+}
+
+void use_example_device()
+{
+    static std::string ro = example_dir();
+    static std::string rw = std::string(temp_dir()) + "/rw";
+    mkdir(rw.c_str(), 0755);
+    para_profile.param_rofile_dir = ro.data();
+    para_profile.param_rwfile_dir = rw.data();
 }
 
 } // namespace fuzz

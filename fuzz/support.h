@@ -13,6 +13,9 @@ namespace fuzz {
 std::string example_dir();
 // A fresh directory under TMPDIR (else /dev/shm or /tmp), removed at exit.
 const char* temp_dir();
+// Points the profile at the example device (read-only) and a fresh
+// read-write directory under temp_dir().
+void use_example_device();
 // The library's log lines are off: the fuzzer's own output stays readable
 // and formatting costs nothing.
 void quiet();
