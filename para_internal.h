@@ -58,6 +58,11 @@ JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail 
 /* Decimal text of v at the start of buf, terminated; returns its length. */
 int format_decimal(long long v, char (&buf)[24]);
 
+/* Decimal text of d when it is a whole number below 1e15 in magnitude, as
+ * printf prints it (-0 keeps its sign); returns its length, or -1 (buf
+ * untouched) for any other value. */
+int format_whole(double d, char (&buf)[24]);
+
 /* The same text as cJSON_Print (formatted), byte for byte, built without
  * the sprintf/sscanf round trip per number. Heap text, free() it; NULL when
  * cJSON_Print would fail. */

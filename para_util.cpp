@@ -63,6 +63,17 @@ int format_decimal(long long v, char (&buf)[24])
     return n;
 }
 
+int format_whole(double d, char (&buf)[24])
+{
+    if (!(d == std::trunc(d) && std::fabs(d) < 1e15))
+        return -1;
+    if (d == 0 && std::signbit(d)) {
+        std::memcpy(buf, "-0", 3);
+        return 2;
+    }
+    return format_decimal(static_cast<long long>(d), buf);
+}
+
 namespace {
 
 struct Printer {
@@ -104,13 +115,13 @@ struct Printer {
         double d = item->valuedouble;
         if (std::isnan(d) || std::isinf(d)) {
             out += "null";
-        } else if (d == std::trunc(d) && std::fabs(d) < 1e15) {
-            // Integral values print as their digits under "%1.15g" (-0 keeps
-            // its sign): the common case, done without printf.
-            char digits[24];
-            int n = format_decimal(static_cast<long long>(d), digits);
-            if (std::signbit(d) && digits[0] != '-')
-                out += '-'; // -0
+            return;
+        }
+        // Whole values print as their digits under "%1.15g": the common
+        // case, done without printf.
+        char digits[24];
+        int n = format_whole(d, digits);
+        if (n >= 0) {
             out.append(digits, static_cast<size_t>(n));
         } else {
             // Rare: leave the exact digits to the JSON library's own rule.

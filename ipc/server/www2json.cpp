@@ -147,14 +147,11 @@ void www_format_thousands(int v, char (&out)[48])
 /* "%.2f" of a double: whole numbers (what modules answer) without printf. */
 void www_format_hundredths(double d, char (&out)[48])
 {
-    if (d == std::trunc(d) && std::fabs(d) < 1e15) {
-        char whole[24];
-        int n = para::format_decimal(static_cast<long long>(d), whole);
-        size_t at = 0;
-        if (std::signbit(d) && whole[0] != '-')
-            out[at++] = '-';
-        std::memcpy(out + at, whole, static_cast<size_t>(n));
-        std::memcpy(out + at + n, ".00", 4);
+    char whole[24];
+    int n = para::format_whole(d, whole);
+    if (n >= 0) {
+        std::memcpy(out, whole, static_cast<size_t>(n));
+        std::memcpy(out + n, ".00", 4);
         return;
     }
     std::snprintf(out, sizeof out, "%.2f", d);
