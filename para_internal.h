@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string_view>
 
 /* Every line of the library carries "[para <function> +<line>]". The level
@@ -72,6 +73,13 @@ char* print_json(const cJSON* json);
  * result (0 ok), or 0 without writing when the file cannot be opened.
  * Either failure is logged with its cause. */
 int write_json_file(const char* path, const cJSON* json);
+
+/* A module's save can come from the sweep and from the host at once. Held
+ * from taking the change flag until the file is written, it keeps two
+ * writers from interleaving in one file and makes the later snapshot the one
+ * that stays on disk. (The .conf writers that lock the file itself need it
+ * not.) */
+inline std::mutex save_mutex;
 
 /* Integer value of any item: numbers saturate at the int limits, true is 1,
  * everything else 0. */

@@ -479,6 +479,7 @@ int para_need_save_isp(char* parse_name)
 
 int para_save_isp(char* parse_name)
 {
+    std::lock_guard<std::mutex> saving(para::save_mutex);
     // Cleared first: a change made while the file is written stays pending.
     isp_change.take();
     char path[PARA_PATH_MAX];

@@ -331,6 +331,8 @@ int para_save_misc(char* parse_name)
     int s = check_conf_list(parse_name);
     if (s < 0)
         return -1;
+    // The older layout of "misc" writes without a file lock.
+    std::lock_guard<std::mutex> saving(para::save_mutex);
     misc_item_change[s].take();
     if (para::same(parse_name, "misc"))
         return para_save_misc_legacy(parse_name, conf_cur[s]);

@@ -516,13 +516,10 @@ inline int need_save(const Module& m)
 }
 
 /* Writes the current file. The flag is cleared before the snapshot, so a
- * change that lands while writing is saved by the next sweep. Saves from the
- * sweep and from the application are serialised so two writers never
- * interleave in the one file. */
+ * change that lands while writing is saved by the next sweep. */
 inline int save(const Module& m)
 {
-    static std::mutex file_mu;
-    std::lock_guard<std::mutex> file_lock(file_mu);
+    std::lock_guard<std::mutex> saving(save_mutex);
     m.st->change.take();
     if (!m.st->loaded) {
         PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", m.files[2]);
