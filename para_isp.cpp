@@ -6,6 +6,7 @@
  * forwards to one table-driven function below. */
 #include "para_isp_internal.h"
 
+#include <array>
 #include <cstdio>
 #include <mutex>
 
@@ -212,6 +213,14 @@ int get_member_by_name(const dov_isp_param_s* records, const char* name, int chn
     return field(para_isp_exist[chn], m);
 }
 
+/* "isp<N>": the key of ISP N in the range and current-values files. */
+std::array<char, 16> isp_key(int n)
+{
+    std::array<char, 16> key{};
+    std::snprintf(key.data(), key.size(), "isp%d", n);
+    return key;
+}
+
 /* N when key is "isp<N>" + suffix for some N below limit, else -1. */
 int request_isp(const char* key, const char* suffix, int limit)
 {
@@ -346,9 +355,7 @@ void load_style(int isp, cJSON* style)
 void load_cur_file(cJSON* tree)
 {
     for (int i = 0; i < PARA_ISP_NUM; ++i) {
-        char key[16];
-        std::snprintf(key, sizeof key, "isp%d", i);
-        cJSON* saved = cJSON_GetObjectItem(tree, key);
+        cJSON* saved = cJSON_GetObjectItem(tree, isp_key(i).data());
         if (cJSON* style = cJSON_GetObjectItem(saved, "style"))
             para_set_isp_style_cur(i, para::json_int(style));
         load_style(i, get_isp_style_json(i, para_get_isp_style_cur(i)));
@@ -381,9 +388,7 @@ int para_init_isp(char* parse_name)
         return -1;
     g_num_isp = check_isp_num(range.get());
     for (int i = 0; i < PARA_ISP_NUM; ++i) {
-        char key[16];
-        std::snprintf(key, sizeof key, "isp%d", i);
-        _parse_isp_range_json(cJSON_GetObjectItem(range.get(), key), &para_isp_min[i],
+        _parse_isp_range_json(cJSON_GetObjectItem(range.get(), isp_key(i).data()), &para_isp_min[i],
                               &para_isp_max[i]);
     }
     range.reset();
@@ -486,11 +491,8 @@ int para_save_isp(char* parse_name)
     if (!para::make_path(path, para_profile.param_rwfile_dir, k_cur_file))
         return -1;
     para::JsonPtr root(cJSON_CreateObject());
-    for (int i = 0; i < g_num_isp; ++i) {
-        char key[16];
-        std::snprintf(key, sizeof key, "isp%d", i);
-        cJSON_AddItemToObject(root.get(), key, Create_Json_ISPObject(i, 0));
-    }
+    for (int i = 0; i < g_num_isp; ++i)
+        cJSON_AddItemToObject(root.get(), isp_key(i).data(), Create_Json_ISPObject(i, 0));
     return para::write_json_file(path, root.get());
 }
 
