@@ -7,6 +7,7 @@
 #include "para_isp_internal.h"
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 
@@ -109,6 +110,9 @@ constexpr const char* k_cur_file = "isp_cur.json";
 
 int g_num_isp = 0;
 int init_flag = 0;
+/* Set once the range file loaded: before that the records hold no settings,
+ * and a save would only replace the stored ones with an empty object. */
+std::atomic<bool> isp_loaded{false};
 para::ChangeState isp_change;
 
 /* Host threads call the getters and setters while the worker answers
@@ -414,6 +418,7 @@ int para_init_isp(char* parse_name)
         for (int i = 0; i < PARA_ISP_NUM; ++i)
             para_isp_init[i] = para_isp_cur[i];
     }
+    isp_loaded = true;
     isp_page();
     return 0;
 }
@@ -487,6 +492,10 @@ int para_save_isp(char* parse_name)
     std::lock_guard<std::mutex> saving(para::save_mutex);
     // Cleared first: a change made while the file is written stays pending.
     isp_change.take();
+    if (!isp_loaded) {
+        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", k_cur_file);
+        return 0;
+    }
     char path[PARA_PATH_MAX];
     if (!para::make_path(path, para_profile.param_rwfile_dir, k_cur_file))
         return -1;

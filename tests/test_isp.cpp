@@ -499,6 +499,9 @@ TEST_F(Isp, BadRangeFile)
     EXPECT_FALSE(log.contains("find style"));
     EXPECT_EQ(para_isp_exist[0].style, 0);
     EXPECT_EQ(get("isp0", R"(["all"])"), "");
+    // A forced save must not replace the stored settings with nothing.
+    EXPECT_EQ(para_save_isp(nullptr), 0);
+    EXPECT_EQ(test::read_file(dir_.rw() + "/isp_cur.json").value_or(""), isp_fixture::k_cur);
 }
 
 TEST_F(Isp, BadCurrentFileFallsBackToStyle)
