@@ -156,7 +156,7 @@ inline int find_member(const Module& m, const char* name, bool by_prefix)
 }
 
 /* Current values change at run time from any thread; every access to them
- * after loading is a single atomic 32-bit load or compare-and-swap, so the
+ * after loading is a single atomic 32-bit load or store, so the
  * per-member getters and setters need no lock (they run on the host's hot
  * paths). Ranges, defaults and exist words change only while loading. */
 inline int32_t cur_of(const Module& m, int s, const Member& mb)
