@@ -71,9 +71,7 @@ param_handle_t commands[] = {
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fuzz::quiet();
-    static std::string ro = fuzz::example_dir();
-    para_profile.param_rofile_dir = ro.data();
-    para_profile.param_rwfile_dir = const_cast<char*>(fuzz::temp_dir());
+    fuzz::use_example_device();
     para_profile.conf_save = 1;
     // Nobody sends to the server's own socket, so its worker only runs the
     // save sweep; long delays keep that sweep from writing on every turn.
