@@ -526,8 +526,9 @@ int cmd_raw(const Options& o, int argc, char** argv)
     if (!req) {
         const char* at = cJSON_GetErrorPtr();
         size_t pos = at && at >= text.c_str() && at <= text.c_str() + text.size() ? at - text.c_str() : text.size();
-        fprintf(stderr, "paramctl: raw: not JSON: error at byte %zu of %zu%s%.20s%s\n", pos, text.size(),
-                pos < text.size() ? " near '" : "", text.c_str() + pos, pos < text.size() ? "'" : "");
+        const std::string near = text.substr(pos, std::min<size_t>(20, text.find('\n', pos) - pos));
+        fprintf(stderr, "paramctl: raw: not JSON: error at byte %zu of %zu%s%s%s\n", pos, text.size(),
+                near.empty() ? "" : " near '", near.c_str(), near.empty() ? "" : "'");
         return kUsage;
     }
     const cJSON* mt = cJSON_GetObjectItem(req.get(), "msg_type");
