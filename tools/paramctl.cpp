@@ -441,6 +441,9 @@ int cmd_get(const Options& o, int argc, char** argv)
     if (argc < 1)
         return fail("get: MODULE missing (try: paramctl help get)");
     std::vector<std::string> members(argv + 1, argv + argc);
+    // A single member beginning with "all" asks for every member.
+    if (members.size() == 1 && members[0].rfind("all", 0) == 0 && !bare)
+        members.clear();
     Json reply;
     const cJSON* values = nullptr;
     int st = read_module(o, argv[0], members, &reply, &values);
@@ -810,7 +813,7 @@ const Command kCommands[] = {
     {"get", "get [-v] MODULE [MEMBER...]",
      "Reads members of a module (all of them when none is named) and prints\n"
      "them as MODULE.MEMBER = VALUE lines. MODULE is a request key such as\n"
-     "video0, video1_def, isp0, isp0_def, audio, af, misc, misc_def, netport.\n"
+     "video0, isp0, isp0_def, audio, af, misc, misc_def, netport.\n"
      "A module or member that the reply leaves out is an error (exit 1).\n"
      "-v prints the bare value of one member, for scripts.\n"
      "  paramctl get video0 bitRate gop\n"
