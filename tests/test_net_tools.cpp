@@ -107,7 +107,8 @@ TEST_P(Tools, CasesOfTheSection)
         dbgout_profile.para_level = 3;
         platformparam_init();
     }
-    const std::string prelude = "T='" + dir.path() + "'; RO='" + test::example_device_dir() +
+    const std::string prelude = "T='" + dir.path() + "'; RO='" + test::example_device_dir() + "'; TOOLS='" +
+                                test::tools_prefix() +
                                 "'; paramctl() { " + test::tools_prefix() + "paramctl \"$@\"; }; paramd() { " +
                                 test::tools_prefix() + "paramd \"$@\"; }; ";
     for (const Case& c : sec.cases) {
