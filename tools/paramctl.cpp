@@ -550,7 +550,10 @@ int cmd_raw(const Options& o, int argc, char** argv)
     return show_reply(o, reply, parsed.get());
 }
 
-const char kNoDescribe[] = "%s needs the describe command, which paramd registers; this host has none";
+int needs_command(const std::string& what, const char* command)
+{
+    return error(what + " needs the " + command + " command, which paramd registers; this host has none");
+}
 
 int cmd_describe(const Options& o, int argc, char** argv)
 {
@@ -561,12 +564,8 @@ int cmd_describe(const Options& o, int argc, char** argv)
     Described d = describe(o, argc ? argv[0] : nullptr, &desc, &st);
     if (d == Described::no_reply)
         return st;
-    if (d == Described::no_command) {
-        fprintf(stderr, "(error) ");
-        fprintf(stderr, kNoDescribe, "describe");
-        fputc('\n', stderr);
-        return kError;
-    }
+    if (d == Described::no_command)
+        return needs_command("describe", "describe");
     if (const char* e = err_of(desc.get()))
         return error(strncmp(e, "no module ", 10) == 0 ? std::string(argv[0]) + ": no such module" : e);
     if (o.raw_json) {
@@ -610,12 +609,8 @@ int cmd_show(const Options& o, int argc, char** argv)
         Described d = describe(o, nullptr, &desc, &st);
         if (d == Described::no_reply)
             return st;
-        if (d == Described::no_command) {
-            fprintf(stderr, "(error) ");
-            fprintf(stderr, kNoDescribe, "show without MODULE");
-            fputc('\n', stderr);
-            return kError;
-        }
+        if (d == Described::no_command)
+            return needs_command("show without MODULE", "describe");
         const cJSON* item = nullptr;
         cJSON_ArrayForEach(item, cJSON_GetObjectItem(desc.get(), "modules"))
         modules.push_back(printed(cJSON_GetObjectItem(item, "module"), true));
@@ -695,7 +690,7 @@ int cmd_save(const Options& o, int argc, char**)
         return st;
     const char* e = err_of(reply.get());
     if (e && strcmp(e, "Invalid API command") == 0)
-        return error("save needs the save command, which paramd registers; this host has none");
+        return needs_command("save", "save");
     return show_reply(o, text, reply.get());
 }
 
