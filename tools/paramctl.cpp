@@ -40,6 +40,7 @@ struct Options {
 struct Command {
     const char* name;
     const char* synopsis;
+    const char* summary;
     const char* help;
     int (*run)(const Options&, int argc, char** argv);
 };
@@ -806,6 +807,7 @@ int cmd_help(const Options&, int argc, char** argv)
 
 const Command kCommands[] = {
     {"get", "get [-v] MODULE [MEMBER...]",
+     "read members (all when none is named)",
      "Reads members of a module (all of them when none is named) and prints\n"
      "them as MODULE.MEMBER = VALUE lines. MODULE is a request key such as\n"
      "video0, isp0, isp0_def, audio, af, misc, misc_def, netport.\n"
@@ -815,6 +817,7 @@ const Command kCommands[] = {
      "  paramctl get -v netport http_port\n",
      cmd_get},
     {"set", "set MODULE MEMBER=VALUE...",
+     "write members, then read them back",
      "Writes members, then reads them back: every member that was not\n"
      "applied is named on stderr with its range or accepted names (exit 1).\n"
      "Values go out in the type the member takes (text for .conf modules,\n"
@@ -823,6 +826,7 @@ const Command kCommands[] = {
      "  paramctl set netport http_port=8080\n",
      cmd_set},
     {"post", "post MODULE [MEMBER=VALUE...]",
+     "post request: write (read back) or read",
      "Sends a post request: with assignments it writes them as \"data\" and\n"
      "reads them back as set does (only the misc and .conf modules take post\n"
      "writes); without assignments it reads, and the reply is the request\n"
@@ -830,6 +834,7 @@ const Command kCommands[] = {
      "  paramctl post misc mirror=1\n",
      cmd_post},
     {"describe", "describe [MODULE]",
+     "modules; or members: kind, range, default, names",
      "Without MODULE lists the modules with their store (typed, json, conf)\n"
      "and the writes they take. With MODULE lists each member: kind (number,\n"
      "name, text), current value, default, range and accepted names. Needs\n"
@@ -838,20 +843,24 @@ const Command kCommands[] = {
      "  paramctl describe video0\n",
      cmd_describe},
     {"show", "show [MODULE...]",
+     "every value as MODULE.MEMBER=VALUE lines",
      "Prints every value as MODULE.MEMBER=VALUE lines (all modules when none\n"
      "is named; that needs describe), ready for import.\n"
      "  paramctl show video0 netport > settings.txt\n",
      cmd_show},
     {"import", "import FILE|-",
+     "apply MODULE.MEMBER=VALUE lines",
      "Applies MODULE.MEMBER=VALUE lines (as show prints them; blank lines and\n"
      "lines starting with # are skipped) module by module, reading each back\n"
      "as set does. A malformed line stops before anything is written (exit 2).\n"
      "  paramctl show video0 | sed s/bitRate=.*/bitRate=6000/ | paramctl import -\n",
      cmd_import},
     {"save", "save",
+     "ask the host to save every module now",
      "Asks the host to save every module now (paramd's save command).\n",
      cmd_save},
     {"api", "api TYPE NAME [KEY=VALUE...]",
+     "call a command the host registered",
      "Calls a command that the host application registered: TYPE is the\n"
      "request's msg_type (one containing \"get\" or \"set\", other than get and\n"
      "set themselves), NAME its msg_name, KEY=VALUE further request keys.\n"
@@ -862,6 +871,7 @@ const Command kCommands[] = {
      "  paramctl api setCommand save\n",
      cmd_api},
     {"raw", "raw JSON|-",
+     "send a JSON request as it is",
      "Sends a JSON request text as it is (- reads it from standard input) and\n"
      "prints the reply. Text that is not JSON, or that the server would not\n"
      "answer (no string msg_type, or one it does not route), is refused\n"
@@ -869,12 +879,14 @@ const Command kCommands[] = {
      "  paramctl raw '{\"msg_type\":\"get\",\"video0\":[\"all\"]}'\n",
      cmd_raw},
     {"web", "web get PAGE | web set PAGE FORM",
+     "talk like the web server",
      "Talks like the web server: reads a page of the mapping file, or writes a\n"
      "form (name=value pairs joined by &). A write is answered result=success.\n"
      "  paramctl web get encode\n"
      "  paramctl web set encode 'enc_bitrate=6&enc_gop=30'\n",
      cmd_web},
     {"share", "share MODULE MEMBER CHN VALUE",
+     "send one 76-byte client datagram",
      "Sends one client datagram (76 bytes, no reply) to 127.0.0.1:6800, as any\n"
      "process in the client role does. MODULE is video, audio or isp; an integer\n"
      "VALUE travels as a number, anything else (or \"quoted\") as text of at\n"
@@ -884,7 +896,7 @@ const Command kCommands[] = {
      "to change paramd's values.\n"
      "  paramctl share isp skin_saturation 1 50\n",
      cmd_share},
-    {"help", "help [COMMAND]", "Shows the help of a command.\n", cmd_help},
+    {"help", "help [COMMAND]", "explain a command", "Shows the help of a command.\n", cmd_help},
 };
 
 const Command* find_command(const char* name)
@@ -912,7 +924,7 @@ void main_usage(FILE* out)
             "  -V, --version     print the version and exit\n\n"
             "Commands:\n");
     for (const Command& c : kCommands)
-        fprintf(out, "  %s\n", c.synopsis);
+        fprintf(out, "  %-34s %s\n", c.synopsis, c.summary);
     fprintf(out, "\n'paramctl help COMMAND' or 'paramctl COMMAND --help' explains one.\n\n"
                  "Exit status:\n"
                  "  0  success\n"
