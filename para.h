@@ -128,6 +128,12 @@ typedef struct param_handle_t {
 
 PARA_API int register_param_command(char* customer_name, param_handle_t* param_list, int array_size);
 
+/* Our extension, not part of the device's interface: the message server
+ * binds every local address unless the host names one IPv4 address (dotted
+ * text) here before platformparam_init(). NULL or "" restores every
+ * address. 0, or -1 (nothing changed) for text that is no IPv4 address. */
+PARA_API int para_server_bind_address(const char* ipv4);
+
 /* The five table operations that the typed and store modules offer alike. */
 #define PARA_DECLARE_TABLE_OPS(mod)                                                          \
     PARA_API int para_init_##mod(char* parse_name);                                          \

@@ -1,138 +1,139 @@
-// paramd and paramctl as a user runs them: real processes, real port 6800.
+// paramd and paramctl as a user runs them: real processes on port 6800,
+// cases from tests/data/paramctl_cases.txt (the format is described there).
 #include <gtest/gtest.h>
 
-#include "para_internal.h"
 #include "support.h"
 
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <fstream>
+#include <regex>
 #include <string>
+#include <vector>
 
 namespace {
 
-const std::string kBin = test::tools_prefix();
+struct Case {
+    int line;
+    int exit;
+    std::string pattern, command;
+};
 
-using Result = test::CommandResult;
+struct Section {
+    std::string head; // "none", "host", or "paramd ARGS"
+    std::vector<Case> cases;
+};
 
-Result run(const std::string& cmd)
+std::string trim(const std::string& s)
 {
-    return test::run_command(cmd);
+    size_t a = s.find_first_not_of(" \t"), b = s.find_last_not_of(" \t");
+    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
 }
 
+std::vector<Section> load_sections()
+{
+    std::vector<Section> out;
+    std::ifstream in(std::string(PARA_SOURCE_DIR) + "/tests/data/paramctl_cases.txt");
+    std::string line;
+    for (int n = 1; std::getline(in, line); ++n) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        if (line[0] == '[') {
+            out.push_back({line.substr(1, line.find(']') - 1), {}});
+            continue;
+        }
+        size_t a = line.find(" | "), b = a == std::string::npos ? a : line.find(" | ", a + 3);
+        if (out.empty() || b == std::string::npos)
+            ADD_FAILURE() << "paramctl_cases.txt:" << n << ": malformed case";
+        else
+            out.back().cases.push_back({n, std::stoi(line.substr(0, a)), trim(line.substr(a + 3, b - a - 3)),
+                                        trim(line.substr(b + 3))});
+    }
+    return out;
+}
+
+const std::vector<Section>& sections()
+{
+    static const std::vector<Section> s = load_sections();
+    return s;
+}
+
+// paramd on the example device until the end of the section.
 class Paramd {
 public:
-    explicit Paramd(const std::string& rw)
+    Paramd(const std::string& dir, const std::string& args) : log_(dir + "/paramd.log")
     {
-        log_ = rw + "/../paramd.log";
         pid_ = fork();
         if (pid_ == 0) {
-            FILE* f = freopen(log_.c_str(), "w", stdout);
-            (void)f;
-            dup2(1, 2);
-            std::string ro = test::example_device_dir();
-            std::string cmd = "exec " + kBin + "paramd --ro '" + ro + "' --rw '" + rw + "' --log-level 3";
+            std::string cmd = "exec " + test::tools_prefix() + "paramd --ro '" + test::example_device_dir() +
+                              "' --rw '" + dir + "/rw' " + args + " >'" + log_ + "' 2>&1";
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
     }
-    bool wait_serving()
+    bool serving() const
     {
-        return test::wait_until([this] { return output().find("serving") != std::string::npos; }, 5000);
+        return test::wait_until([this] { return log().find("paramd: serving") != std::string::npos; }, 5000);
     }
-    int stop(int sig = SIGTERM)
-    {
-        kill(pid_, sig);
-        int st = 0;
-        waitpid(pid_, &st, 0);
-        pid_ = -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    }
-    std::string output() const { return test::read_file(log_).value_or(""); }
+    std::string log() const { return test::read_file(log_).value_or(""); }
     ~Paramd()
     {
-        if (pid_ > 0)
-            stop(SIGKILL);
+        if (pid_ <= 0)
+            return;
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
     }
 
 private:
-    pid_t pid_ = -1;
     std::string log_;
+    pid_t pid_ = -1;
 };
 
-} // namespace
+class Tools : public testing::TestWithParam<size_t> {};
 
-TEST(Tools, ParamdServesTheExampleDeviceAndStopsWithASave)
+TEST_P(Tools, CasesOfTheSection)
 {
+    const Section& sec = sections().at(GetParam());
     test::TempDir dir;
-    Paramd d(dir.rw());
-    ASSERT_TRUE(d.wait_serving()) << d.output();
-
-    Result r = run(kBin + "paramctl --json raw '{\"msg_type\":\"get\",\"msg_name\":\"t\",\"msg_id\":9}'");
-    EXPECT_EQ(r.status, 0) << r.out;
-    EXPECT_EQ(test::compact(r.out), R"({"msg_name":"t","msg_id":9})");
-
-    r = run(kBin + "paramctl get video0 all");
-    EXPECT_EQ(r.status, 0) << r.out;
-    EXPECT_NE(r.out.find("video0.bitRate = 4500"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("video0.size = \"PIC_HD1080\""), std::string::npos) << r.out;
-
-    // A change through paramctl reaches the host's page callback and, at
-    // the forced save of the stop, the current file.
-    r = run(kBin + "paramctl set video1 gop=25");
-    EXPECT_EQ(r.status, 0) << r.out;
-    EXPECT_TRUE(test::wait_until([&] { return d.output().find("video page:") != std::string::npos; }, 2000));
-
-    r = run(kBin + "paramctl api getStatus nothing");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("Invalid API command"), std::string::npos);
-
-    // A second server on the same port is refused with a clear message.
-    r = run(kBin + "paramd --ro " + test::example_device_dir() + " --rw " + dir.rw());
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("UDP port 6800 is in use"), std::string::npos) << r.out;
-
-    EXPECT_EQ(d.stop(SIGTERM), 0);
-    std::string out = d.output();
-    EXPECT_NE(out.find("stopping (signal 15): saving every module"), std::string::npos) << out;
-    EXPECT_NE(out.find("paramd: stopped"), std::string::npos) << out;
-    auto saved = test::read_file(dir.rw() + "/video_cur.json");
-    ASSERT_TRUE(saved);
-    para::JsonPtr j(cJSON_Parse(saved->c_str()));
-    ASSERT_TRUE(j);
-    EXPECT_EQ(cJSON_GetObjectItem(cJSON_GetObjectItem(j.get(), "video1"), "gop")->valueint, 25);
-}
-
-TEST(Tools, ParamctlTimesOutClearlyWithoutServer)
-{
-    Result r = run(kBin + "paramctl --timeout 200 get video0");
-    EXPECT_EQ(r.status, 3);
-    EXPECT_NE(r.out.find("no reply from 127.0.0.1:6800 within 200 ms"), std::string::npos) << r.out;
-}
-
-TEST(Tools, UsageErrorsAndHelp)
-{
-    Result r = run(kBin + "paramd --ro /nonexistent/dir");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("read-only directory '/nonexistent/dir' does not exist"), std::string::npos) << r.out;
-
-    r = run(kBin + "paramd");
-    EXPECT_EQ(r.status, 2);
-    r = run(kBin + "paramd --help");
-    EXPECT_EQ(r.status, 0);
-    for (const char* flag : {"--ro", "--rw", "--map", "--log-level", "--conf-save"})
-        EXPECT_NE(r.out.find(flag), std::string::npos) << flag;
-
-    for (const char* cmd : {"get", "set", "post", "api", "raw"}) {
-        r = run(kBin + "paramctl " + cmd + " --help");
-        EXPECT_EQ(r.status, 0) << cmd;
-        EXPECT_NE(r.out.find(std::string("usage: paramctl [options] ") + cmd), std::string::npos) << r.out;
+    std::unique_ptr<Paramd> paramd;
+    if (sec.head.rfind("paramd", 0) == 0) {
+        paramd = std::make_unique<Paramd>(dir.path(), sec.head.substr(6));
+        ASSERT_TRUE(paramd->serving()) << paramd->log();
+    } else if (sec.head == "host") {
+        test::copy_dir_files(test::example_device_dir(), dir.ro());
+        dir.use_as_profile();
+        dbgout_profile.para_level = 3;
+        platformparam_init();
     }
-    r = run(kBin + "paramctl set video0 novalue");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.out.find("expected member=value"), std::string::npos);
-    r = run(kBin + "paramctl frobnicate");
-    EXPECT_EQ(r.status, 2);
+    const std::string prelude = "T='" + dir.path() + "'; RO='" + test::example_device_dir() + "'; TOOLS='" +
+                                test::tools_prefix() +
+                                "'; paramctl() { " + test::tools_prefix() + "paramctl \"$@\"; }; paramd() { " +
+                                test::tools_prefix() + "paramd \"$@\"; }; ";
+    for (const Case& c : sec.cases) {
+        SCOPED_TRACE("paramctl_cases.txt:" + std::to_string(c.line) + ": " + c.command);
+        test::CommandResult r = test::run_command("{ " + prelude + c.command + "\n}");
+        EXPECT_EQ(r.status, c.exit) << r.out;
+        bool found = false;
+        try {
+            found = std::regex_search(r.out, std::regex(c.pattern));
+        } catch (const std::regex_error& e) {
+            ADD_FAILURE() << "bad pattern: " << e.what();
+        }
+        EXPECT_TRUE(found) << "pattern: " << c.pattern << "\noutput:\n" << r.out;
+    }
+    if (sec.head == "host")
+        platformparam_stop(1);
 }
+
+INSTANTIATE_TEST_SUITE_P(Cases, Tools, testing::Range<size_t>(0, sections().size()),
+                         [](const testing::TestParamInfo<size_t>& info) {
+                             std::string name = sections().at(info.param).head;
+                             for (char& ch : name)
+                                 if (!isalnum(static_cast<unsigned char>(ch)))
+                                     ch = '_';
+                             return std::to_string(info.param) + "_" + name;
+                         });
+
+} // namespace

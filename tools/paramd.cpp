@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <netdb.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,30 +16,58 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 namespace {
 
+const char kVersion[] = PARA_TOOLS_VERSION;
+
 void usage(FILE* out)
 {
     fprintf(out,
-            "usage: paramd --ro DIR [--rw DIR] [--map FILE] [--log-level N] [--conf-save]\n"
+            "paramd - parameter server of the network camera\n"
             "\n"
-            "Runs the parameter server of the camera on UDP port 6800.\n"
+            "Usage: paramd --ro DIR [--rw DIR] [--map FILE] [--bind ADDR] [--log-level N] [--conf-save]\n"
             "\n"
+            "Loads the parameter files, answers JSON requests on UDP port 6800, logs every\n"
+            "change callback on standard output and saves changed values to the read-write\n"
+            "directory. Besides get, set and post requests it answers these commands\n"
+            "(paramctl calls them; any client may):\n"
+            "  getInfo describe [module=M]  modules, or one module's members with kind,\n"
+            "                               range, default, current value and names\n"
+            "  getInfo status               version, directories, bind address, uptime\n"
+            "  getInfo commands             these commands\n"
+            "  setCommand save              save every module now\n"
+            "\n"
+            "Options:\n"
             "  -r, --ro DIR         read-only parameter directory: ranges, defaults, styles,\n"
             "                       the mapping file (required; must exist)\n"
             "  -w, --rw DIR         read-write directory for current values (default /data;\n"
             "                       created when missing)\n"
             "  -m, --map FILE       mapping file name inside the read-only directory\n"
             "                       (default www2json.json)\n"
+            "  -b, --bind ADDR      serve on this IPv4 address or host name only (default:\n"
+            "                       every local address)\n"
             "  -l, --log-level N    library log level: 3 errors, 6 information, 7 detail\n"
             "                       (default 6)\n"
             "  -c, --conf-save      write .conf modules back (off by default, as on the device)\n"
-            "  -h, --help           this text\n"
+            "  -h, --help           print this help and exit\n"
+            "  -V, --version        print the version and exit\n"
             "\n"
-            "Signals: SIGINT/SIGTERM stop with a forced save of every module; SIGUSR1 dumps\n"
-            "the video tables to the log; SIGHUP reloads the \"netport\" .conf module.\n");
+            "Signals:\n"
+            "  SIGINT, SIGTERM  stop with a forced save of every module\n"
+            "  SIGUSR1          write the video name and size tables to the log\n"
+            "  SIGHUP           reload the \"netport\" .conf module\n"
+            "\n"
+            "Exit status:\n"
+            "  0  stopped by a signal after saving\n"
+            "  1  cannot start: missing directory, port 6800 in use, bad bind address\n"
+            "  2  usage error\n"
+            "\n"
+            "Examples:\n"
+            "  paramd --ro /home --rw /data\n"
+            "  paramd --ro examples/device --rw /tmp/paramd-rw --bind 127.0.0.1\n");
 }
 
 void say(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -82,9 +111,318 @@ void install_callbacks()
     p.conf_caller = [](char* f) { say("%s.conf page changed or reloaded", f); };
 }
 
+// ---- API commands ---------------------------------------------------------
+// Everything describe reports is read from the library at the time of the
+// request: its exported records and name tables for the typed modules, its
+// store accessors for the JSON and .conf modules.
+
+struct Served {
+    std::string ro, rw, bind;
+    time_t started = 0;
+};
+Served served;
+
+// One member of a typed record: where it sits and, for a named member, the
+// name table its value indexes.
+struct Field {
+    const char* name;
+    size_t offset;
+    const char* const* names;
+    int name_count;
+};
+#define PARAMD_NAMES_named(t) t, static_cast<int>(sizeof t / sizeof *t)
+#define PARAMD_NAMES_num(t) nullptr, 0
+#define PARAMD_VIDEO_FIELD(M, kind, table) {#M, offsetof(dov_video_param_s, M), PARAMD_NAMES_##kind(table)},
+#define PARAMD_AUDIO_FIELD(M, kind, table) {#M, offsetof(dov_audio_param_s, M), PARAMD_NAMES_##kind(table)},
+#define PARAMD_AF_FIELD(M) {#M, offsetof(dov_af_param_s, M), nullptr, 0},
+#define PARAMD_ISP_FIELD(m, file, set, out) PARA_ISP_IF_##out({#m, offsetof(dov_isp_param_s, m), nullptr, 0},)
+const Field kVideoFields[] = {PARA_VIDEO_MEMBERS(PARAMD_VIDEO_FIELD)};
+const Field kAudioFields[] = {PARA_AUDIO_MEMBERS(PARAMD_AUDIO_FIELD)};
+const Field kAfFields[] = {PARA_AF_MEMBERS(PARAMD_AF_FIELD)};
+const Field kIspFields[] = {PARA_ISP_MEMBERS(PARAMD_ISP_FIELD)};
+
+// The records of one module instance: min, max, def, cur, exist.
+struct Records {
+    const void* rec[5];
+};
+
+int field_of(const void* rec, const Field& f)
+{
+    int32_t v;
+    memcpy(&v, static_cast<const char*>(rec) + f.offset, sizeof v);
+    return v;
+}
+
+cJSON* typed_value(const Field& f, int v)
+{
+    if (f.names && v >= 0 && v < f.name_count && f.names[v])
+        return cJSON_CreateString(f.names[v]);
+    return cJSON_CreateNumber(v);
+}
+
+template <size_t N>
+void describe_typed(cJSON* members, const Field (&fields)[N], const Records& r)
+{
+    for (const Field& f : fields) {
+        if (field_of(r.rec[4], f) == 0) // absent from the files: not served either
+            continue;
+        cJSON* m = cJSON_CreateObject();
+        cJSON_AddStringToObject(m, "member", f.name);
+        cJSON_AddStringToObject(m, "kind", f.names ? "name" : "number");
+        const int lo = field_of(r.rec[0], f), hi = field_of(r.rec[1], f);
+        cJSON_AddNumberToObject(m, "min", lo);
+        cJSON_AddNumberToObject(m, "max", hi);
+        cJSON_AddItemToObject(m, "def", typed_value(f, field_of(r.rec[2], f)));
+        cJSON_AddItemToObject(m, "cur", typed_value(f, field_of(r.rec[3], f)));
+        if (f.names) {
+            cJSON* names = cJSON_AddArrayToObject(m, "names");
+            for (int i = lo < 0 ? 0 : lo; i <= hi && i < f.name_count; ++i)
+                cJSON_AddItemToArray(names, cJSON_CreateString(f.names[i] ? f.names[i] : ""));
+        }
+        cJSON_AddItemToArray(members, m);
+    }
+}
+
+void describe_json_store(cJSON* members, const char* module)
+{
+    cJSON* cur = cJSON_CreateObject();
+    cJSON* def = cJSON_CreateObject();
+    Create_Json_Misc_Object(module, cur, 0);
+    Create_Json_Misc_Object(module, def, 1);
+    for (cJSON* c = cur->child; c; c = c->next) {
+        cJSON* m = cJSON_CreateObject();
+        cJSON_AddStringToObject(m, "member", c->string);
+        const int kind = peek_json_enum_type(module, c->string);
+        if (kind == cJSON_String) {
+            cJSON_AddStringToObject(m, "kind", "name");
+        } else if (kind == cJSON_Number) {
+            cJSON_AddStringToObject(m, "kind", "number");
+            cJSON_AddNumberToObject(m, "min", para_get_json_min(module, c->string));
+            cJSON_AddNumberToObject(m, "max", para_get_json_max(module, c->string));
+        } else {
+            cJSON_AddStringToObject(m, "kind", "text");
+        }
+        if (cJSON* d = cJSON_GetObjectItem(def, c->string))
+            cJSON_AddItemToObject(m, "def", cJSON_Duplicate(d, 1));
+        cJSON_AddItemToObject(m, "cur", cJSON_Duplicate(c, 1));
+        if (kind == cJSON_String) {
+            cJSON* names = cJSON_AddArrayToObject(m, "names");
+            // A range list of names is short; the bound only guards a broken file.
+            for (int i = 0; i < 1024; ++i) {
+                const char* n = para_get_json_emum_str(module, c->string, i);
+                if (!n)
+                    break;
+                cJSON_AddItemToArray(names, cJSON_CreateString(n));
+            }
+        }
+        cJSON_AddItemToArray(members, m);
+    }
+    cJSON_Delete(cur);
+    cJSON_Delete(def);
+}
+
+void describe_conf_store(cJSON* members, const char* module)
+{
+    cJSON* cur = cJSON_CreateObject();
+    cJSON* def = cJSON_CreateObject();
+    Create_Json_4_conf_Object(cur, 0, module);
+    Create_Json_4_conf_Object(def, 1, module);
+    for (cJSON* c = cur->child; c; c = c->next) {
+        cJSON* m = cJSON_CreateObject();
+        cJSON_AddStringToObject(m, "member", c->string);
+        cJSON_AddStringToObject(m, "kind", "text");
+        if (cJSON* d = cJSON_GetObjectItem(def, c->string))
+            cJSON_AddItemToObject(m, "def", cJSON_Duplicate(d, 1));
+        cJSON_AddItemToObject(m, "cur", cJSON_Duplicate(c, 1));
+        cJSON_AddItemToArray(members, m);
+    }
+    cJSON_Delete(cur);
+    cJSON_Delete(def);
+}
+
+// What a served module is, told by the operations of its table row.
+enum class Store { none, video, isp, audio, af, json, conf };
+
+Store store_of(const module_para_handle_s& row)
+{
+    auto get = row.get_buf;
+    if (get == para_get_video_opt)
+        return Store::video;
+    if (get == para_get_isp_opt)
+        return Store::isp;
+    if (get == para_get_audio_opt)
+        return Store::audio;
+    if (get == para_get_af_opt)
+        return Store::af;
+    if (get == para_get_misc_opt)
+        return Store::json;
+    if (get == para_get_conf_opt)
+        return Store::conf;
+    return Store::none;
+}
+
+// The instance number at the end of a row name ("video1", "isp0").
+int instance_of(const char* name)
+{
+    size_t n = strlen(name);
+    return n && name[n - 1] >= '0' && name[n - 1] <= '9' ? name[n - 1] - '0' : 0;
+}
+
+bool served_row(const module_para_handle_s& row)
+{
+    Store st = store_of(row);
+    if (st == Store::none)
+        return false;
+    if (st == Store::video)
+        return instance_of(row.parse_name) < para_get_video_streamNum();
+    if (st == Store::isp)
+        return instance_of(row.parse_name) < PARA_ISP_NUM;
+    return true;
+}
+
+const char* store_name(Store st)
+{
+    switch (st) {
+    case Store::json: return "json";
+    case Store::conf: return "conf";
+    default: return "typed";
+    }
+}
+
+void add_module_header(cJSON* obj, const module_para_handle_s& row)
+{
+    Store st = store_of(row);
+    cJSON_AddStringToObject(obj, "module", row.parse_name);
+    cJSON_AddStringToObject(obj, "store", store_name(st));
+    cJSON_AddBoolToObject(obj, "set", row.set_buf != nullptr);
+    // Only the stores take the keyless "data" item of a post write.
+    cJSON_AddBoolToObject(obj, "post", st == Store::json || st == Store::conf);
+}
+
+cJSON* describe_module(const module_para_handle_s& row)
+{
+    cJSON* out = cJSON_CreateObject();
+    add_module_header(out, row);
+    cJSON* members = cJSON_AddArrayToObject(out, "members");
+    const int i = instance_of(row.parse_name);
+    switch (store_of(row)) {
+    case Store::video:
+        describe_typed(members, kVideoFields,
+                       {{&para_video_min[i], &para_video_max[i], &para_video_def[i], &para_video_cur[i],
+                         &para_video_exist[i]}});
+        break;
+    case Store::isp:
+        describe_typed(members, kIspFields,
+                       {{&para_isp_min[i], &para_isp_max[i], &para_isp_def[i], &para_isp_cur[i], &para_isp_exist[i]}});
+        break;
+    case Store::audio:
+        describe_typed(members, kAudioFields,
+                       {{&para_audio_min, &para_audio_max, &para_audio_def, &para_audio_cur, &para_audio_exist}});
+        break;
+    case Store::af:
+        describe_typed(members, kAfFields, {{&para_af_min, &para_af_max, &para_af_def, &para_af_cur, &para_af_exist}});
+        break;
+    case Store::json: describe_json_store(members, row.parse_name); break;
+    case Store::conf: describe_conf_store(members, row.parse_name); break;
+    case Store::none: break;
+    }
+    return out;
+}
+
+// The request's own text: commands read their arguments from it.
+std::string request_string(const para_server_message_info* info, const char* key)
+{
+    char text[PARA_MESSAGE_BUF + 1];
+    memcpy(text, info->buffer, PARA_MESSAGE_BUF);
+    text[PARA_MESSAGE_BUF] = '\0';
+    cJSON* req = cJSON_Parse(text);
+    const cJSON* it = cJSON_GetObjectItem(req, key);
+    std::string s = cJSON_IsString(it) ? it->valuestring : "";
+    cJSON_Delete(req);
+    return s;
+}
+
+cJSON* error_reply(const std::string& text)
+{
+    cJSON* out = cJSON_CreateObject();
+    cJSON_AddStringToObject(out, "err", text.c_str());
+    return out;
+}
+
+// describe: without "module" the served modules, with it one module (one
+// module per reply keeps every reply to a few kilobytes).
+int cmd_describe(int, para_server_message_info* info, cJSON** out)
+{
+    const std::string want = request_string(info, "module");
+    cJSON* list = want.empty() ? cJSON_CreateArray() : nullptr;
+    for (int r = 0; r < module_para_handle_num; ++r) {
+        const module_para_handle_s& row = module_para_handle[r];
+        if (!row.parse_name || !served_row(row))
+            continue;
+        if (list) {
+            cJSON* m = cJSON_CreateObject();
+            add_module_header(m, row);
+            cJSON_AddItemToArray(list, m);
+        } else if (want == row.parse_name) {
+            *out = describe_module(row);
+            return 0;
+        }
+    }
+    if (list) {
+        *out = cJSON_CreateObject();
+        cJSON_AddItemToObject(*out, "modules", list);
+    } else {
+        *out = error_reply("no module " + want);
+    }
+    return 0;
+}
+
+int cmd_save(int, para_server_message_info*, cJSON** out)
+{
+    say("saving every module (save command)");
+    platformparam_save();
+    *out = cJSON_CreateObject();
+    cJSON_AddStringToObject(*out, "save", "done");
+    return 0;
+}
+
+int cmd_status(int, para_server_message_info*, cJSON** out)
+{
+    *out = cJSON_CreateObject();
+    cJSON_AddStringToObject(*out, "version", kVersion);
+    cJSON_AddStringToObject(*out, "ro", served.ro.c_str());
+    cJSON_AddStringToObject(*out, "rw", served.rw.c_str());
+    cJSON_AddStringToObject(*out, "bind", served.bind.empty() ? "0.0.0.0" : served.bind.c_str());
+    cJSON_AddNumberToObject(*out, "uptime_s", static_cast<double>(time(nullptr) - served.started));
+    cJSON_AddNumberToObject(*out, "video_streams", para_get_video_streamNum());
+    return 0;
+}
+
+int cmd_commands(int, para_server_message_info*, cJSON** out);
+
+// Registered before the library starts, so the first request finds them.
+param_handle_t kCommands[] = {
+    {"describe", cmd_describe, 0},
+    {"status", cmd_status, 0},
+    {"commands", cmd_commands, 0},
+    {"save", cmd_save, 0},
+};
+const char* const kCommandUse[] = {
+    "getInfo describe [module=M]", "getInfo status", "getInfo commands", "setCommand save",
+};
+
+int cmd_commands(int, para_server_message_info*, cJSON** out)
+{
+    *out = cJSON_CreateObject();
+    cJSON* list = cJSON_AddArrayToObject(*out, "commands");
+    for (const char* use : kCommandUse)
+        cJSON_AddItemToArray(list, cJSON_CreateString(use));
+    return 0;
+}
+
 // The library keeps running without its port (and only logs it); a user who
 // starts a second paramd wants to be told instead.
-bool port_free(int port)
+bool port_free(in_addr_t addr, int port)
 {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (fd < 0)
@@ -92,10 +430,28 @@ bool port_free(int port)
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    a.sin_addr.s_addr = addr;
     bool ok = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
     close(fd);
     return ok;
+}
+
+// A bind address by number or by name, as dotted text ("" for none).
+bool resolve_ipv4(const char* name, std::string* dotted, in_addr_t* addr)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* res = nullptr;
+    if (getaddrinfo(name, nullptr, &hints, &res) != 0 || !res)
+        return false;
+    const auto* sin = reinterpret_cast<const sockaddr_in*>(res->ai_addr);
+    char text[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &sin->sin_addr, text, sizeof text);
+    *addr = sin->sin_addr.s_addr;
+    *dotted = text;
+    freeaddrinfo(res);
+    return true;
 }
 
 bool is_dir(const char* path)
@@ -108,17 +464,18 @@ bool is_dir(const char* path)
 
 int main(int argc, char** argv)
 {
-    static std::string ro, rw = "/data", map;
+    static std::string ro, rw = "/data", map, bind_name;
     int level = 6;
     int conf_save = 0;
     static const option opts[] = {
         {"ro", required_argument, nullptr, 'r'},        {"rw", required_argument, nullptr, 'w'},
         {"map", required_argument, nullptr, 'm'},       {"log-level", required_argument, nullptr, 'l'},
         {"conf-save", no_argument, nullptr, 'c'},       {"help", no_argument, nullptr, 'h'},
+        {"bind", required_argument, nullptr, 'b'},      {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     int c;
-    while ((c = getopt_long(argc, argv, "r:w:m:l:ch", opts, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "r:w:m:l:chb:V", opts, nullptr)) != -1) {
         switch (c) {
         case 'r': ro = optarg; break;
         case 'w': rw = optarg; break;
@@ -134,6 +491,8 @@ int main(int argc, char** argv)
             break;
         }
         case 'c': conf_save = 1; break;
+        case 'b': bind_name = optarg; break;
+        case 'V': printf("paramd %s\n", kVersion); return 0;
         case 'h': usage(stdout); return 0;
         default: usage(stderr); return 2;
         }
@@ -162,8 +521,25 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    if (!port_free(PARA_SERVER_PORT)) {
+    in_addr_t bind_addr = htonl(INADDR_ANY);
+    if (!bind_name.empty() && !resolve_ipv4(bind_name.c_str(), &served.bind, &bind_addr)) {
+        fprintf(stderr, "paramd: --bind: '%s' is no IPv4 address or known host name\n", bind_name.c_str());
+        return 1;
+    }
+    if (!port_free(bind_addr, PARA_SERVER_PORT)) {
         fprintf(stderr, "paramd: UDP port %d is in use (is another paramd running?)\n", PARA_SERVER_PORT);
+        return 1;
+    }
+    if (para_server_bind_address(served.bind.c_str()) != 0) {
+        fprintf(stderr, "paramd: the library refused bind address '%s'\n", served.bind.c_str());
+        return 1;
+    }
+    served.ro = ro;
+    served.rw = rw;
+    served.started = time(nullptr);
+    if (register_param_command(const_cast<char*>("paramd"), kCommands,
+                               static_cast<int>(sizeof kCommands / sizeof *kCommands)) != 0) {
+        fprintf(stderr, "paramd: cannot register the API commands\n");
         return 1;
     }
 
@@ -182,7 +558,8 @@ int main(int argc, char** argv)
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 
     platformparam_init();
-    say("serving %s (current values in %s) on UDP port %d", ro.c_str(), rw.c_str(), PARA_SERVER_PORT);
+    say("serving %s (current values in %s) on %s UDP port %d", ro.c_str(), rw.c_str(),
+        served.bind.empty() ? "every local address," : served.bind.c_str(), PARA_SERVER_PORT);
 
     for (;;) {
         int sig = 0;

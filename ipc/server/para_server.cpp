@@ -94,6 +94,7 @@ bool is_prefix_of(const char* s, const char* word)
 }
 
 int bound_fd = -1;
+in_addr_t bind_addr = htonl(INADDR_ANY);
 
 } // namespace
 
@@ -106,6 +107,19 @@ int para_server_bound_port(void)
     if (bound_fd < 0 || getsockname(bound_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
         return -1;
     return ntohs(addr.sin_port);
+}
+
+extern "C" int para_server_bind_address(const char* ipv4)
+{
+    in_addr a{};
+    if (!ipv4 || !*ipv4) {
+        a.s_addr = htonl(INADDR_ANY);
+    } else if (inet_pton(AF_INET, ipv4, &a) != 1) {
+        PARA_LOG(PARA_ERR, "'%s' is no IPv4 address; bind address left as it is\n", ipv4);
+        return -1;
+    }
+    bind_addr = a.s_addr;
+    return 0;
 }
 
 extern "C" void param_base_register_init(void)
@@ -124,7 +138,7 @@ int para_server_init(void)
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(para_server_port));
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_addr.s_addr = bind_addr;
     int ret = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     if (ret < 0) {
         PARA_LOG(PARA_ERR, "bind error ret = %d", ret);
