@@ -44,15 +44,9 @@ cJSON* style_entry(int isp_id, int index)
 void set_style_index(cJSON* style, int k)
 {
     cJSON* item = cJSON_GetObjectItem(style, "style");
-    if (!item)
-        return;
-    if (cJSON_IsNumber(item)) {
+    // The item keeps its type: a text stays a text and carries the number beside it.
+    if (item)
         cJSON_SetNumberHelper(item, k);
-        return;
-    }
-    // A non-number would read as 0 later; make it the number it stands for.
-    std::string key(item->string ? item->string : "style");
-    cJSON_ReplaceItemInObjectCaseSensitive(style, key.c_str(), cJSON_CreateNumber(k));
 }
 
 } // namespace
@@ -65,9 +59,13 @@ int para_init_isp_style(int isp_id)
     if (!para::make_path(path, para_profile.param_rofile_dir,
                          isp_id ? "isp1_def.json" : "isp0_def.json"))
         return -1;
-    para::JsonPtr tree = para::load_json_file(path, nullptr, "\n\n");
-    if (!tree)
+    bool unreadable = false;
+    para::JsonPtr tree = para::load_json_file(__func__, path, &unreadable, true);
+    if (!tree) {
+        if (!unreadable)
+            json_style_file = nullptr; // holds the failed parse
         return -1;
+    }
     cJSON* root = tree.get();
     json_style_file = root;
     style_tree[isp_id] = tree.release();
@@ -110,7 +108,7 @@ int para_init_isp_style(int isp_id)
         cJSON* style = name ? cJSON_GetObjectItem(root, name) : nullptr;
         entries[k] = style;
         if (!style) {
-            PARA_LOG(PARA_INFO, "error can not find style %s\n", name ? name : "");
+            PARA_LOG(PARA_INFO, "error can not find style %s\n", name ? name : "(null)");
             continue;
         }
         PARA_LOG(PARA_INFO, "find style[%d]:%s\n", k, name);

@@ -38,7 +38,7 @@ bool odm_paths(OdmPaths& p)
 {
     const char* rw = para_profile.param_rwfile_dir;
     if (!rw || !*rw) {
-        PARA_LOG(PARA_ERR, "no read-write directory, factory store not kept on disk");
+        PARA_LOG(PARA_ERR, "no read-write directory, factory store not kept on disk\n");
         return false;
     }
     return para::make_path(p.dir, rw, "persist/") &&
@@ -51,7 +51,7 @@ void ensure_persist_dir(const OdmPaths& p)
     if (access(p.dir, F_OK) == 0)
         return;
     if (mkdir(p.dir, 0775) != 0)
-        PARA_LOG(PARA_ERR, "mkdir %s failed: %s", p.dir, strerror(errno));
+        PARA_LOG(PARA_ERR, "mkdir %s failed: %s\n", p.dir, strerror(errno));
 }
 
 /* ---- value kinds ---------------------------------------------------- */
@@ -86,7 +86,7 @@ struct OdmKind {
 int read_text(const cJSON* item, const OdmTarget& t)
 {
     if (!cJSON_IsString(item) || !item->valuestring) {
-        PARA_LOG(PARA_INFO, "%s holds no text", item->string);
+        PARA_LOG(PARA_INFO, "%s holds no text\n", item->string);
         return -2;
     }
     size_t len = std::strlen(item->valuestring);
@@ -96,7 +96,7 @@ int read_text(const cJSON* item, const OdmTarget& t)
     }
     std::memcpy(t.buf, item->valuestring, static_cast<size_t>(t.size) - 1);
     t.buf[t.size - 1] = '\0';
-    PARA_LOG(PARA_ERR, "%s: text of %zu bytes cut to %d", item->string, len, t.size - 1);
+    PARA_LOG(PARA_ERR, "%s: text of %zu bytes cut to %d\n", item->string, len, t.size - 1);
     return -4;
 }
 
@@ -148,7 +148,7 @@ void check_json_odm_file()
 int odm_store(const char* key, const OdmValue& v)
 {
     if (!key || !v.kind->valid(v)) {
-        PARA_LOG(PARA_ERR, "refused %s write: key %s, value %s", v.kind->name,
+        PARA_LOG(PARA_ERR, "refused %s write: key %s, value %s\n", v.kind->name,
                  key ? key : "(null)", v.kind->valid(v) ? "given" : "(null)");
         return 0;
     }
@@ -186,7 +186,7 @@ void odm_set(char* key, const OdmValue& v)
 int odm_get(const char* key, const OdmTarget& t)
 {
     if (!key || (!t.number && !t.buf) || (t.buf && t.size < 1)) {
-        PARA_LOG(PARA_ERR, "refused %s read: key %s", t.kind->name, key ? key : "(null)");
+        PARA_LOG(PARA_ERR, "refused %s read: key %s\n", t.kind->name, key ? key : "(null)");
         return -3;
     }
     std::lock_guard<std::mutex> lock(odm_mutex);
@@ -210,14 +210,14 @@ int para_init_odm(char* parse_name)
     if (access(p.old_file, F_OK) == 0) {
         ensure_persist_dir(p);
         if (rename(p.old_file, p.file) != 0)
-            PARA_LOG(PARA_ERR, "moving %s to %s failed: %s", p.old_file, p.file, strerror(errno));
+            PARA_LOG(PARA_ERR, "moving %s to %s failed: %s\n", p.old_file, p.file, strerror(errno));
     }
     bool unreadable = false;
-    para::JsonPtr json = para::load_json_file(p.file, &unreadable, "\n\n");
+    para::JsonPtr json = para::load_json_file(__func__, p.file, &unreadable, true);
     if (unreadable)
         return 0;
     if (json && !cJSON_IsObject(json.get())) {
-        PARA_LOG(PARA_ERR, "%s is not a JSON object, ignored", p.file);
+        PARA_LOG(PARA_ERR, "%s is not a JSON object, ignored\n", p.file);
         json.reset();
     }
     if (!json)
