@@ -7,6 +7,13 @@
 #include <string>
 
 cJSON* json_style_file = nullptr;
+
+namespace para {
+/* Both trees stay alive: the lists point into them. Not file-local: nothing
+ * here reads them back, and a file-local array that is only written may be
+ * dropped by the compiler, which would leave the roots unreferenced. */
+cJSON* isp_style_tree[PARA_ISP_NUM];
+} // namespace para
 cJSON** style_list_isp0 = nullptr;
 cJSON** style_list_isp1 = nullptr;
 dov_isp_param_s* isp0_para_in_style = nullptr;
@@ -18,8 +25,6 @@ int style_num[PARA_ISP_NUM];
 int style_def[PARA_ISP_NUM];
 int style_excute_by_arm[PARA_ISP_NUM];
 int odm_param_antiflicker_def[PARA_ISP_NUM] = {-1, -1};
-/* Both trees stay alive: the lists point into them. */
-cJSON* style_tree[PARA_ISP_NUM];
 
 cJSON**& style_list(int isp_id)
 {
@@ -68,7 +73,7 @@ int para_init_isp_style(int isp_id)
     }
     cJSON* root = tree.get();
     json_style_file = root;
-    style_tree[isp_id] = tree.release();
+    para::isp_style_tree[isp_id] = tree.release();
 
     if (cJSON* def = cJSON_GetObjectItem(root, "isp0_style_def"))
         style_def[isp_id] = para::json_int(def);
