@@ -23,6 +23,9 @@ cJSON* misc_range[kJsonSlots];
 configure* conf_cur[kJsonSlots];
 configure* conf_def[kJsonSlots];
 para::ChangeState misc_item_change[kJsonSlots];
+/* Set once the slot's files loaded; a slot that did not load never writes
+ * its file, so what the user kept there survives until a fixed start. */
+bool misc_loaded[kJsonSlots];
 
 int check_conf_list(const char* name)
 {
@@ -136,6 +139,7 @@ void clear_slot(int s)
     conf_cur[s] = conf_def[s] = nullptr;
     misc_range[s] = nullptr;
     misc_item_change[s].take();
+    misc_loaded[s] = false;
 }
 
 } // namespace
@@ -310,9 +314,11 @@ int para_init_misc(char* parse_name)
     clear_slot(s);
     para::copy_slot_name(conf_list[s].file_name, parse_name);
     if (para::same(parse_name, "misc")) {
-        para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]);
+        misc_loaded[s] = para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]) == 0;
     } else if (!load_module(__func__, s, conf_list[s].file_name)) {
         return 0;
+    } else {
+        misc_loaded[s] = true;
     }
     log_current(__func__, s);
     ++init_flag;
@@ -335,6 +341,10 @@ int para_save_misc(char* parse_name)
     // The older layout of "misc" writes without a file lock.
     std::lock_guard<std::mutex> saving(para::save_mutex);
     misc_item_change[s].take();
+    if (!misc_loaded[s]) {
+        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
+        return 0;
+    }
     if (para::same(parse_name, "misc"))
         return para_save_misc_legacy(parse_name, conf_cur[s]);
     char path[PARA_PATH_MAX];

@@ -205,6 +205,21 @@ TEST(Exact, ExternRowsAreExported)
     EXPECT_STREQ(module_para_handle_extern_temp[0].parse_name, "ext");
 }
 
+TEST(Exact, JsonModuleThatDidNotLoadKeepsItsFile)
+{
+    test::TempDir dir;
+    test::write_file(dir.ro() + "/www2json.json", R"({"json_pattern_list":["foo"]})");
+    test::write_file(dir.ro() + "/foo.conf", "a=0\n"); // no foo_range.json
+    test::write_file(dir.rw() + "/foo.conf", "a=1\n");
+    test::LogCapture log(6);
+    dir.use_as_profile();
+    para_server_port = 0;
+    platformparam_init();
+    platformparam_stop(1);
+    EXPECT_EQ(test::read_file(dir.rw() + "/foo.conf"), "a=1\n");
+    EXPECT_TRUE(log.contains("not loaded, foo left as it is\n"));
+}
+
 // Start-up and the requests of the example, run again under valgrind: no
 // block may be lost.
 TEST(Exact, StartUpLosesNoMemory)
