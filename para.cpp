@@ -149,7 +149,7 @@ int save_param(int force)
 
 namespace {
 
-void receive_one(int fd)
+void receive_one(const char* fn, int fd)
 {
     para_server_message_info& info = message_info;
     socklen_t alen = sizeof info.addressRec;
@@ -162,7 +162,7 @@ void receive_one(int fd)
     if (n >= static_cast<ssize_t>(sizeof info.buffer)) {
         // The buffer must stay a terminated text of received bytes only, so
         // a datagram that fills it cannot be served.
-        PARA_LOG(PARA_ERR, "datagram of %zd bytes dropped: requests are limited to %zu bytes\n", n,
+        PARA_LOG_FN(PARA_ERR, fn, "datagram of %zd bytes dropped: requests are limited to %zu bytes\n", n,
                  sizeof info.buffer - 1);
         return;
     }
@@ -188,7 +188,7 @@ void* platformparam_Process(void*)
             break;
         }
         if (r > 0 && sock.fd >= 0 && (sock.revents & POLLIN))
-            receive_one(sock.fd);
+            receive_one(__func__, sock.fd);
         if (platformparam_Stop_flag.load())
             break;
         save_param(0);
