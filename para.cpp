@@ -202,12 +202,14 @@ void* platformparam_Process(void*)
 
 void register_para_handle_json_pattern(void)
 {
-    register_pattern(__func__, "json_pattern_list", "{\"json_pattern_list\":[\"misc\"]}", json_pattern, "json_pattern");
+    register_pattern(__func__, "json_pattern_list", "{\"json_pattern_list\":[\"misc\"]}", json_pattern,
+                     "json_pattern");
 }
 
 void register_para_handle_conf_pattern(void)
 {
-    register_pattern(__func__, "conf_pattern_list", "{\"conf_pattern_list\":[\"netport\",\"overlay\",\"ndi_config\"]}",
+    register_pattern(__func__, "conf_pattern_list",
+                     "{\"conf_pattern_list\":[\"netport\",\"overlay\",\"ndi_config\"]}",
                      conf_pattern, "conf_pattern");
 }
 
@@ -298,7 +300,8 @@ extern "C" int para_conflict_callback(char* para_file, int old_version, int new_
 
 extern "C" void platformparam_init(void)
 {
-    PARA_LOG(PARA_INFO, "cJson version:%d %d %d\n", CJSON_VERSION_MAJOR, CJSON_VERSION_MINOR, CJSON_VERSION_PATCH);
+    PARA_LOG(PARA_INFO, "cJson version:%d %d %d\n", CJSON_VERSION_MAJOR, CJSON_VERSION_MINOR,
+             CJSON_VERSION_PATCH);
     if (para_profile.client) {
         para_client_init();
         return;

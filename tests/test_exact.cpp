@@ -48,7 +48,10 @@ const Scenario kScenarios[] = {
      {"[para video_page +", "----------VIDEO PARAM-----------\n\n", "[para cJSON_Print_safe +",
       "[para para_init_misc +", "inter (null)\n", "[para para_get_video_opt +", "--size:--------\n"},
      false},
-    {"bad_files", {{"www2json.json", R"({"a":@m})"}, {"video_range.json", R"({"a":@v})"}, {"isp1_def.json", R"({"a":@i})"}},
+    {"bad_files",
+     {{"www2json.json", R"({"a":@m})"},
+      {"video_range.json", R"({"a":@v})"},
+      {"isp1_def.json", R"({"a":@i})"}},
      {"]Error before: [@m}]\n", "[para para_init_video +", "]Error before: [@v}]\n\n",
       "[para para_init_isp_style +", "]Error before: [@i}]\n\n"},
      true},
@@ -56,6 +59,15 @@ const Scenario kScenarios[] = {
      {"]Error before: [(null)]\n", "]Error range def buf\n\n"}, false},
     {"big_mapping", {{"www2json.json", "@big"}}, {"]Error before: [@}]\n"}, false},
 };
+
+// Requests of every scenario: reads, writes, web forms, a post, garbage.
+const char* const kRequests[] = {
+    R"({"msg_type":"get","video0":["gop","bitRate"],"isp0":["style"],"misc":["all"]})",
+    R"({"msg_type":"set","msg_id":2,"video0":{"bitRate":6000},"netport":{"x":"1"}})",
+    R"({"msg_type":"get","msg_from":"www","msg_name":"encode"})",
+    R"({"msg_type":"set","msg_from":"www","msg_name":"encode","data":"enc_gop=30"})",
+    R"({"msg_type":"post","msg_name":"video0","data":{"gop":20}})",
+    "not json"};
 
 void PrintTo(const Scenario& s, std::ostream* os)
 {
@@ -88,11 +100,7 @@ TEST_P(LogScenario, LinesEndInLineFeedAndNameTheirFunction)
     para_server_port = 0;
     platformparam_init();
     const int port = para_server_bound_port();
-    for (const char* req : {R"({"msg_type":"get","msg_id":1,"video0":["gop","bitRate"],"isp0":["style"],"misc":["all"]})",
-                            R"({"msg_type":"set","msg_id":2,"video0":{"bitRate":6000},"netport":{"x":"1"}})",
-                            R"({"msg_type":"get","msg_from":"www","msg_name":"encode"})",
-                            R"({"msg_type":"set","msg_from":"www","msg_name":"encode","data":"enc_gop=30"})",
-                            R"({"msg_type":"post","msg_name":"video0","data":{"gop":20}})", "not json"})
+    for (const char* req : kRequests)
         test::udp_request(req, 1000, port);
     void* out = nullptr;
     para_get_isp_opt(nullptr, nullptr, &out, nullptr);
@@ -150,7 +158,8 @@ TEST(Exact, ClientFollowsARepublishedShareMap)
     auto publish = [&](const char* text) {
         int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
         EXPECT_EQ(ftruncate(fd, 12 + 16), 0);
-        auto* head = static_cast<dov_share_head_s*>(mmap(nullptr, 28, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        void* map = mmap(nullptr, 28, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        auto* head = static_cast<dov_share_head_s*>(map);
         close(fd);
         head->num = 1;
         head->size = 16;
