@@ -187,7 +187,13 @@ void* platformparam_Process(void*)
             PARA_LOG(PARA_ERR, "poll failed: %s; the worker ends\n", strerror(errno));
             break;
         }
-        if (r > 0 && sock.fd >= 0 && (sock.revents & POLLIN))
+        if (r > 0 && (sock.revents & POLLNVAL)) {
+            PARA_LOG(PARA_ERR, "poll failed: socket %d is not open; the worker ends\n", sock.fd);
+            break;
+        }
+        // A pending socket error counts as readable, as it did for select:
+        // the receive takes the error off the socket instead of spinning.
+        if (r > 0 && sock.fd >= 0)
             receive_one(__func__, sock.fd);
         if (platformparam_Stop_flag.load())
             break;
