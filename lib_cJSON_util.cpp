@@ -8,24 +8,24 @@ namespace {
 
 /* The dumps name their caller by return address, so a bad tree in the log
  * can be traced to the call site that passed it. */
-void print_tree(cJSON* json, const char* dbg_msg, const void* caller)
+void print_tree(const char* fn, cJSON* json, const char* dbg_msg, const void* caller)
 {
     if (para::log_level() < PARA_INFO)
         return; // every line below is level 6: skip the printing too
     auto where = static_cast<unsigned>(reinterpret_cast<uintptr_t>(caller));
     if (!json) {
-        PARA_LOG(PARA_INFO, "ERROR : json null,return:0x%x", where);
+        PARA_LOG_FN(PARA_INFO, fn, "ERROR : json null,return:0x%x\n", where);
         return;
     }
     para::CharPtr text(cJSON_Print(json));
     if (!text) {
-        PARA_LOG(PARA_INFO, "ERROR : json format,return:0x%x", where);
+        PARA_LOG_FN(PARA_INFO, fn, "ERROR : json format,return:0x%x\n", where);
         return;
     }
     if (dbg_msg)
-        PARA_LOG(PARA_INFO, "dbg_msg:%s type:0x%x,%s", dbg_msg, json->type, text.get());
+        PARA_LOG_FN(PARA_INFO, fn, "dbg_msg:%s type:0x%x,%s\n", dbg_msg, json->type, text.get());
     else
-        PARA_LOG(PARA_INFO, "type:0x%x,%s", json->type, text.get());
+        PARA_LOG_FN(PARA_INFO, fn, "type:0x%x,%s\n", json->type, text.get());
 }
 
 } // namespace
@@ -34,12 +34,12 @@ extern "C" {
 
 void cJSON_Print_safe(cJSON* json)
 {
-    print_tree(json, nullptr, __builtin_return_address(0));
+    print_tree(__func__, json, nullptr, __builtin_return_address(0));
 }
 
 void cJSON_Print2_safe(cJSON* json, const char* dbg_msg)
 {
-    print_tree(json, dbg_msg, __builtin_return_address(0));
+    print_tree(__func__, json, dbg_msg, __builtin_return_address(0));
 }
 
 int json_object_get_int(cJSON* item)
@@ -50,7 +50,7 @@ int json_object_get_int(cJSON* item)
 char* json_object_get_string(cJSON* item)
 {
     if (!item) {
-        PARA_LOG(PARA_INFO, "null");
+        PARA_LOG(PARA_INFO, "null\n");
         return nullptr;
     }
     return cJSON_IsString(item) ? item->valuestring : nullptr;
@@ -89,7 +89,7 @@ int json_object_load_string(cJSON* obj, const char* key, char** buf, const char*
         return 0;
     if (!cJSON_IsString(item)) {
         /* Keep what the caller had (or the default) rather than invent a text. */
-        PARA_LOG(PARA_INFO, "%s not a string", key);
+        PARA_LOG(PARA_INFO, "%s not a string\n", key);
         return -1;
     }
     free(*buf);

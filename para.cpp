@@ -4,7 +4,7 @@
 
 #include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -54,6 +54,8 @@ module_para_protocol_handle_s module_para_protocol_handle[1] = {
 int module_para_protocol_handle_num = 1;
 
 cJSON* para_config = nullptr;
+module_para_handle_s module_para_handle_extern_temp[PARA_EXTERN_ROWS];
+int module_para_handle_num_extern_temp = 0;
 
 } // extern "C"
 
@@ -63,9 +65,6 @@ const module_para_handle_s json_pattern =
     PARA_ROW("json_pattern", para_init_misc, nullptr, para_set_misc_opt, para_get_misc_opt, para_need_save_misc, para_save_misc);
 const module_para_handle_s conf_pattern =
     PARA_ROW("conf_pattern", para_init_conf, nullptr, para_set_conf_opt, para_get_conf_opt, para_need_save_conf, para_save_conf);
-
-module_para_handle_s module_para_handle_extern_temp[PARA_EXTERN_ROWS];
-int module_para_handle_num_extern_temp = 0;
 
 pthread_mutex_t param_mux = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<int> platformparam_Stop_flag{0};
@@ -91,8 +90,8 @@ void count_builtin_rows()
 
 // One pattern list ("json_pattern_list" / "conf_pattern_list"), from the
 // mapping file or from the built-in default text.
-void register_pattern(const char* list_name, const char* default_text, const module_para_handle_s& tmpl,
-                      const char* added_fmt_kind)
+void register_pattern(const char* fn, const char* list_name, const char* default_text,
+                      const module_para_handle_s& tmpl, const char* added_fmt_kind)
 {
     const cJSON* list = para_config ? cJSON_GetObjectItem(para_config, list_name) : nullptr;
     para::JsonPtr fallback;
@@ -102,25 +101,25 @@ void register_pattern(const char* list_name, const char* default_text, const mod
         fallback.reset(cJSON_Parse(text));
         list = fallback ? cJSON_GetObjectItem(fallback.get(), list_name) : nullptr;
         if (!list) {
-            PARA_LOG(PARA_INFO, "%s error", list_name);
+            PARA_LOG_FN(PARA_INFO, fn, "%s error\n", list_name);
             return;
         }
     }
     const cJSON* name = nullptr;
     cJSON_ArrayForEach(name, list) {
         if (module_para_handle_num >= PARA_MODULE_ROWS) {
-            PARA_LOG(PARA_ERR, "err not enough module_para_handle");
+            PARA_LOG_FN(PARA_ERR, fn, "err not enough module_para_handle\n");
             return;
         }
         // A row without a usable name could never be routed to; skip it.
         if (!cJSON_IsString(name) || !name->valuestring || !*name->valuestring) {
-            PARA_LOG(PARA_ERR, "%s: ignoring an element that is not a non-empty string", list_name);
+            PARA_LOG_FN(PARA_ERR, fn, "%s: ignoring an element that is not a non-empty string\n", list_name);
             continue;
         }
         module_para_handle_s& row = module_para_handle[module_para_handle_num];
         row = tmpl;
         row.parse_name = lib_strdup(name->valuestring);
-        PARA_LOG(PARA_INFO, "add %s:%s", added_fmt_kind, row.parse_name);
+        PARA_LOG_FN(PARA_INFO, fn, "add %s:%s\n", added_fmt_kind, row.parse_name);
         ++module_para_handle_num;
     }
 }
@@ -137,10 +136,10 @@ int save_param(int force)
             continue;
         if (!force && !(row.need_save && row.need_save(row.parse_name)))
             continue;
-        PARA_LOG(PARA_INFO, "%s save...", row.parse_name);
+        PARA_LOG(PARA_INFO, "%s save...\n", row.parse_name);
         saved = true;
         if (row.save(row.parse_name) != 0)
-            PARA_LOG(PARA_ERR, "%s save err", row.parse_name);
+            PARA_LOG(PARA_ERR, "%s save err\n", row.parse_name);
     }
     if (saved)
         lib_system("sync");
@@ -150,7 +149,7 @@ int save_param(int force)
 
 namespace {
 
-void receive_one(int fd)
+void receive_one(const char* fn, int fd)
 {
     para_server_message_info& info = message_info;
     socklen_t alen = sizeof info.addressRec;
@@ -163,7 +162,7 @@ void receive_one(int fd)
     if (n >= static_cast<ssize_t>(sizeof info.buffer)) {
         // The buffer must stay a terminated text of received bytes only, so
         // a datagram that fills it cannot be served.
-        PARA_LOG(PARA_ERR, "datagram of %zd bytes dropped: requests are limited to %zu bytes", n,
+        PARA_LOG_FN(PARA_ERR, fn, "datagram of %zd bytes dropped: requests are limited to %zu bytes\n", n,
                  sizeof info.buffer - 1);
         return;
     }
@@ -175,25 +174,27 @@ void receive_one(int fd)
 void* platformparam_Process(void*)
 {
     prctl(PR_SET_NAME, "Para_Process", 0, 0, 0);
-    fd_set all;
-    FD_ZERO(&all);
-    int maxfd = 0;
-    if (para_socket_descriptor >= 0) {
-        FD_SET(para_socket_descriptor, &all);
-        maxfd = para_socket_descriptor;
-    }
+    // poll, not select: a host with many files open may get a socket
+    // descriptor past FD_SETSIZE. A negative descriptor is ignored by poll,
+    // which then just waits out the turn.
+    pollfd sock{para_socket_descriptor, POLLIN, 0};
     for (;;) {
-        fd_set rd = all;
-        timeval tv{0, 100000};
-        int r = select(maxfd + 1, &rd, nullptr, nullptr, &tv);
+        sock.revents = 0;
+        int r = poll(&sock, 1, 100);
         if (r < 0) {
             if (errno == EINTR)
                 continue; // a signal to the host must not end request service
-            PARA_LOG(PARA_ERR, "select failed: %s; the worker ends", strerror(errno));
+            PARA_LOG(PARA_ERR, "poll failed: %s; the worker ends\n", strerror(errno));
             break;
         }
-        if (r > 0 && para_socket_descriptor >= 0 && FD_ISSET(para_socket_descriptor, &rd))
-            receive_one(para_socket_descriptor);
+        if (r > 0 && (sock.revents & POLLNVAL)) {
+            PARA_LOG(PARA_ERR, "poll failed: socket %d is not open; the worker ends\n", sock.fd);
+            break;
+        }
+        // A pending socket error counts as readable, as it did for select:
+        // the receive takes the error off the socket instead of spinning.
+        if (r > 0 && sock.fd >= 0)
+            receive_one(__func__, sock.fd);
         if (platformparam_Stop_flag.load())
             break;
         save_param(0);
@@ -207,12 +208,14 @@ void* platformparam_Process(void*)
 
 void register_para_handle_json_pattern(void)
 {
-    register_pattern("json_pattern_list", "{\"json_pattern_list\":[\"misc\"]}", json_pattern, "json_pattern");
+    register_pattern(__func__, "json_pattern_list", "{\"json_pattern_list\":[\"misc\"]}", json_pattern,
+                     "json_pattern");
 }
 
 void register_para_handle_conf_pattern(void)
 {
-    register_pattern("conf_pattern_list", "{\"conf_pattern_list\":[\"netport\",\"overlay\",\"ndi_config\"]}",
+    register_pattern(__func__, "conf_pattern_list",
+                     "{\"conf_pattern_list\":[\"netport\",\"overlay\",\"ndi_config\"]}",
                      conf_pattern, "conf_pattern");
 }
 
@@ -220,11 +223,11 @@ int register_para_handle_extern_pattern(void)
 {
     for (int i = 0; i < module_para_handle_num_extern_temp; ++i) {
         if (module_para_handle_num >= PARA_MODULE_ROWS) {
-            PARA_LOG(PARA_ERR, "err not enough module_para_handle");
+            PARA_LOG(PARA_ERR, "err not enough module_para_handle\n");
             return -1;
         }
         module_para_handle[module_para_handle_num] = module_para_handle_extern_temp[i];
-        PARA_LOG(PARA_INFO, "add extern_pattern:%s", module_para_handle_extern_temp[i].parse_name);
+        PARA_LOG(PARA_INFO, "add extern_pattern:%s\n", module_para_handle_extern_temp[i].parse_name);
         ++module_para_handle_num;
     }
     return 0;
@@ -235,11 +238,11 @@ extern "C" void register_para_handle_extern(module_para_handle_s* handle)
     if (!handle)
         return;
     if (module_para_handle_num != 0) {
-        PARA_LOG(PARA_ERR, "err:call register_para_handle_extern before platformparam_init");
+        PARA_LOG(PARA_ERR, "err:call register_para_handle_extern before platformparam_init\n");
         return;
     }
     if (!handle->parse_name || !*handle->parse_name) {
-        PARA_LOG(PARA_ERR, "extern module without a name refused");
+        PARA_LOG(PARA_ERR, "extern module without a name refused\n");
         return;
     }
     for (int i = 0; i < module_para_handle_num_extern_temp; ++i) {
@@ -247,13 +250,13 @@ extern "C" void register_para_handle_extern(module_para_handle_s* handle)
         if (para::same(row.parse_name, handle->parse_name)) {
             row.set_buf = handle->set_buf;
             row.get_buf = handle->get_buf;
-            PARA_LOG(PARA_INFO, "%s ok,%p %p", row.parse_name, reinterpret_cast<void*>(row.set_buf),
+            PARA_LOG(PARA_INFO, "%s ok,%p %p\n", row.parse_name, reinterpret_cast<void*>(row.set_buf),
                      reinterpret_cast<void*>(row.get_buf));
             return;
         }
     }
     if (module_para_handle_num_extern_temp >= PARA_EXTERN_ROWS) {
-        PARA_LOG(PARA_ERR, "err not enough module_para_handle_extern_temp");
+        PARA_LOG(PARA_ERR, "err not enough module_para_handle_extern_temp\n");
         return;
     }
     module_para_handle_s& row = module_para_handle_extern_temp[module_para_handle_num_extern_temp++];
@@ -293,7 +296,7 @@ int para_free_msg_name_opt(char*)
 
 extern "C" int para_conflict_callback(char* para_file, int old_version, int new_version)
 {
-    PARA_LOG(PARA_INFO, "%s %d->%d", para_file ? para_file : "(null)", old_version, new_version);
+    PARA_LOG(PARA_INFO, "%s %d->%d\n", para_file ? para_file : "(null)", old_version, new_version);
     if (para_profile.para_version_conflict)
         para_profile.para_version_conflict(para_file, old_version, new_version);
     return 0;
@@ -303,14 +306,15 @@ extern "C" int para_conflict_callback(char* para_file, int old_version, int new_
 
 extern "C" void platformparam_init(void)
 {
-    PARA_LOG(PARA_INFO, "cJson version:%d %d %d", CJSON_VERSION_MAJOR, CJSON_VERSION_MINOR, CJSON_VERSION_PATCH);
+    PARA_LOG(PARA_INFO, "cJson version:%d %d %d\n", CJSON_VERSION_MAJOR, CJSON_VERSION_MINOR,
+             CJSON_VERSION_PATCH);
     if (para_profile.client) {
         para_client_init();
         return;
     }
     if (para_server_started) {
         // Every module loads once; a second start would add the pattern rows again.
-        PARA_LOG(PARA_ERR, "platformparam_init called twice; ignored");
+        PARA_LOG(PARA_ERR, "platformparam_init called twice; ignored\n");
         return;
     }
     para_server_started = true;
@@ -318,27 +322,32 @@ extern "C" void platformparam_init(void)
 
     char path[PARA_PATH_MAX];
     const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
+    para::CharPtr text;
     if (para::make_path(path, para_profile.param_rofile_dir, map_name)) {
-        para::CharPtr text(read_file_to_buf(path));
+        text.reset(read_file_to_buf(path));
         if (!text)
-            PARA_LOG(PARA_INFO, "mapping file %s not readable; default pattern lists apply", path);
-        para_config = text ? cJSON_Parse(text.get()) : nullptr;
+            PARA_LOG(PARA_INFO, "mapping file %s not readable; default pattern lists apply\n", path);
     }
+    para_config = text ? cJSON_Parse(text.get()) : nullptr;
     if (!para_config) {
-        const char* at = cJSON_GetErrorPtr();
-        PARA_LOG(PARA_ERR, "Error before: [%s]", at ? at : "");
+        // The error position points into text (or into whatever an earlier
+        // parse of the host left behind): only a failed parse of our own text
+        // has one, and only while the text lives.
+        const char* at = text ? cJSON_GetErrorPtr() : nullptr;
+        PARA_LOG(PARA_ERR, "Error before: [%s]\n", at ? at : "(null)");
     }
+    text.reset();
 
     count_builtin_rows();
     register_para_handle_json_pattern();
     register_para_handle_conf_pattern();
     register_para_handle_extern_pattern();
-    PARA_LOG(PARA_INFO, "module_para_handle_num:%d", module_para_handle_num);
+    PARA_LOG(PARA_INFO, "module_para_handle_num:%d\n", module_para_handle_num);
 
     for (int i = 0; i < module_para_handle_num; ++i) {
         module_para_handle_s& row = module_para_handle[i];
         if (row.init && row.init(row.parse_name) != 0)
-            PARA_LOG(PARA_ERR, "%s init err", row.parse_name);
+            PARA_LOG(PARA_ERR, "%s init err\n", row.parse_name);
     }
     for (int i = 0; i < module_para_handle_num; ++i) {
         module_para_handle_s& row = module_para_handle[i];
@@ -348,14 +357,14 @@ extern "C" void platformparam_init(void)
     for (int i = 0; i < module_para_protocol_handle_num; ++i) {
         module_para_protocol_handle_s& p = module_para_protocol_handle[i];
         if (p.init && p.init() != 0)
-            PARA_LOG(PARA_ERR, "%s init err", p.parse_name);
+            PARA_LOG(PARA_ERR, "%s init err\n", p.parse_name);
     }
 
     para_socket_descriptor = para_server_init();
     if (pthread_create(&para_Pid, nullptr, platformparam_Process, nullptr) == 0)
         para_worker_running = true;
     else
-        PARA_LOG(PARA_ERR, "cannot start the worker thread");
+        PARA_LOG(PARA_ERR, "cannot start the worker thread\n");
 }
 
 extern "C" int platformparam_stop(int IsStop)
@@ -365,7 +374,7 @@ extern "C" int platformparam_stop(int IsStop)
         return 0;
     pthread_join(para_Pid, nullptr);
     save_param(1);
-    PARA_LOG(PARA_INFO, "platformparam_stop ok");
+    PARA_LOG(PARA_INFO, "platformparam_stop ok\n");
     return 0;
 }
 
@@ -424,14 +433,14 @@ bool read_all(int fd, std::string& out, const char* path)
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
-            PARA_LOG(PARA_ERR, "read %s: %s", path, strerror(errno));
+            PARA_LOG(PARA_ERR, "read %s: %s\n", path, strerror(errno));
             return false;
         }
         if (n == 0)
             return true;
         out.append(buf, static_cast<size_t>(n));
         if (out.size() > kConfFileMax) {
-            PARA_LOG(PARA_ERR, "%s longer than %zu characters, not changed", path, kConfFileMax);
+            PARA_LOG(PARA_ERR, "%s longer than %zu characters, not changed\n", path, kConfFileMax);
             return false;
         }
     }
@@ -462,7 +471,7 @@ bool replace_lines(const std::string& old, std::string_view key, std::string_vie
         std::string_view line(old.data() + pos, next - pos);
         pos = next;
         if (line.size() > kConfLineMax) {
-            PARA_LOG(PARA_ERR, "%s: line longer than %zu characters, not changed", path,
+            PARA_LOG(PARA_ERR, "%s: line longer than %zu characters, not changed\n", path,
                      kConfLineMax);
             return false;
         }
@@ -476,7 +485,7 @@ bool replace_lines(const std::string& old, std::string_view key, std::string_vie
         }
     }
     if (out.size() > kConfFileMax) {
-        PARA_LOG(PARA_ERR, "%s would grow past %zu characters, not changed", path, kConfFileMax);
+        PARA_LOG(PARA_ERR, "%s would grow past %zu characters, not changed\n", path, kConfFileMax);
         return false;
     }
     return true;
@@ -489,7 +498,7 @@ bool replace_file(const std::string& target, const struct stat& st, const std::s
     std::string tmp = target + ".XXXXXX";
     Fd out{mkostemp(tmp.data(), O_CLOEXEC)};
     if (out.fd < 0) {
-        PARA_LOG(PARA_ERR, "temporary file beside %s: %s", target.c_str(), strerror(errno));
+        PARA_LOG(PARA_ERR, "temporary file beside %s: %s\n", target.c_str(), strerror(errno));
         return false;
     }
     if (fchown(out.fd, st.st_uid, st.st_gid) != 0) {
@@ -498,7 +507,7 @@ bool replace_file(const std::string& target, const struct stat& st, const std::s
     bool ok = fchmod(out.fd, st.st_mode & 07777) == 0 && write_all(out.fd, text) &&
               fsync(out.fd) == 0 && rename(tmp.c_str(), target.c_str()) == 0;
     if (!ok) {
-        PARA_LOG(PARA_ERR, "rewriting %s failed: %s", target.c_str(), strerror(errno));
+        PARA_LOG(PARA_ERR, "rewriting %s failed: %s\n", target.c_str(), strerror(errno));
         unlink(tmp.c_str());
         return false;
     }
@@ -518,7 +527,7 @@ bool open_locked(const std::string& target, Fd& fd, struct stat& st)
     for (;;) {
         Fd f{open(target.c_str(), O_RDWR | O_CLOEXEC)};
         if (f.fd < 0) {
-            PARA_LOG(PARA_ERR, "open %s: %s", target.c_str(), strerror(errno));
+            PARA_LOG(PARA_ERR, "open %s: %s\n", target.c_str(), strerror(errno));
             return false;
         }
         int r;
@@ -526,7 +535,7 @@ bool open_locked(const std::string& target, Fd& fd, struct stat& st)
         }
         struct stat now{};
         if (r != 0 || fstat(f.fd, &st) != 0) {
-            PARA_LOG(PARA_ERR, "lock %s: %s", target.c_str(), strerror(errno));
+            PARA_LOG(PARA_ERR, "lock %s: %s\n", target.c_str(), strerror(errno));
             return false;
         }
         if (stat(target.c_str(), &now) == 0 && now.st_ino == st.st_ino && now.st_dev == st.st_dev) {
@@ -536,14 +545,14 @@ bool open_locked(const std::string& target, Fd& fd, struct stat& st)
     }
 }
 
-bool plain_text(const char* text, const char* what)
+bool plain_text(const char* fn, const char* text, const char* what)
 {
     if (!text) {
-        PARA_LOG(PARA_ERR, "%s missing", what);
+        PARA_LOG_FN(PARA_ERR, fn, "%s missing\n", what);
         return false;
     }
     if (std::strpbrk(text, "\r\n")) {
-        PARA_LOG(PARA_ERR, "%s holds a line break", what);
+        PARA_LOG_FN(PARA_ERR, fn, "%s holds a line break\n", what);
         return false;
     }
     return true;
@@ -553,23 +562,23 @@ bool plain_text(const char* text, const char* what)
 const char* const conf_str_formats[] = {"%s = \"%s\"", "%s=%s"};
 const char* const conf_int_formats[] = {"%s = \"%d\"", "%s=%d"};
 
-bool value_ok(int) { return true; }
-bool value_ok(const char* text) { return plain_text(text, "value"); }
+bool value_ok(const char*, int) { return true; }
+bool value_ok(const char* fn, const char* text) { return plain_text(fn, text, "value"); }
 
 template <typename Value>
-int update_composed(char* path, char* keyword, Value value, const char* format,
+int update_composed(const char* fn, char* path, char* keyword, Value value, const char* format,
                     const char* const (&allowed)[2])
 {
     if (!format || (std::strcmp(format, allowed[0]) != 0 && std::strcmp(format, allowed[1]) != 0)) {
-        PARA_LOG(PARA_ERR, "error: format is wrong");
+        PARA_LOG_FN(PARA_ERR, fn, "error: format is wrong\n");
         return -1;
     }
-    if (!plain_text(keyword, "keyword") || !value_ok(value))
+    if (!plain_text(fn, keyword, "keyword") || !value_ok(fn, value))
         return -1;
     char line[kConfComposedMax + 1];
     int n = std::snprintf(line, sizeof line, format, keyword, value);
     if (n < 0 || static_cast<size_t>(n) > kConfComposedMax) {
-        PARA_LOG(PARA_ERR, "line for %s longer than %zu characters, not changed", keyword,
+        PARA_LOG_FN(PARA_ERR, fn, "line for %s longer than %zu characters, not changed\n", keyword,
                  kConfComposedMax);
         return -1;
     }
@@ -580,22 +589,22 @@ int update_composed(char* path, char* keyword, Value value, const char* format,
 
 int update_conf(char* path, char* keyword, char* item)
 {
-    if (!plain_text(path, "path") || !plain_text(keyword, "keyword") ||
-        !plain_text(item, "new line"))
+    if (!plain_text(__func__, path, "path") || !plain_text(__func__, keyword, "keyword") ||
+        !plain_text(__func__, item, "new line"))
         return -1;
     if (!*keyword) {
-        PARA_LOG(PARA_ERR, "empty keyword refused");
+        PARA_LOG(PARA_ERR, "empty keyword refused\n");
         return -1;
     }
     if (std::strlen(item) + 1 > kConfLineMax) {
-        PARA_LOG(PARA_ERR, "new line for %s longer than %zu characters, not changed", keyword,
+        PARA_LOG(PARA_ERR, "new line for %s longer than %zu characters, not changed\n", keyword,
                  kConfLineMax);
         return -1;
     }
     /* Rename replaces a link by a file: work on what it points to. */
     para::CharPtr real(realpath(path, nullptr));
     if (!real) {
-        PARA_LOG(PARA_ERR, "%s: %s", path, strerror(errno));
+        PARA_LOG(PARA_ERR, "%s: %s\n", path, strerror(errno));
         return -1;
     }
     std::string target = real.get();
@@ -616,10 +625,10 @@ int update_line_conf(char* path, char* keyword, char* new_key_word_value)
 
 int update_line_conf_str(char* path, char* keyword, char* keyvalue, char* format)
 {
-    return update_composed(path, keyword, keyvalue, format, conf_str_formats);
+    return update_composed(__func__, path, keyword, keyvalue, format, conf_str_formats);
 }
 
 int update_line_conf_int(char* path, char* keyword, int keyvalue, char* format)
 {
-    return update_composed(path, keyword, keyvalue, format, conf_int_formats);
+    return update_composed(__func__, path, keyword, keyvalue, format, conf_int_formats);
 }

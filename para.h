@@ -91,6 +91,9 @@ typedef struct module_para_protocol_handle_s {
 
 PARA_API extern module_para_handle_s module_para_handle[PARA_MODULE_ROWS];
 PARA_API extern int module_para_handle_num;
+/* Extern rows as registered, before start-up appends them to the table. */
+PARA_API extern module_para_handle_s module_para_handle_extern_temp[PARA_EXTERN_ROWS];
+PARA_API extern int module_para_handle_num_extern_temp;
 PARA_API extern module_para_protocol_handle_s module_para_protocol_handle[1];
 PARA_API extern int module_para_protocol_handle_num;
 PARA_API extern cJSON* para_config;

@@ -32,7 +32,7 @@ void notify_af(void* setter, int, int value)
 }
 
 const typed::Module af = {
-    "----------AF PARAM-----------\n\n",
+    "AF",
     af_members,
     kMembers,
     nullptr,
@@ -66,7 +66,7 @@ PARA_TYPED_MODULE_OPS(af, af)
 
 int para_init_af(char*)
 {
-    if (typed::load_files(af, nullptr) != 0)
+    if (typed::load_files(af, nullptr, __func__) != 0)
         return -1;
     af_page();
     return 0;
@@ -87,6 +87,6 @@ int para_get_af_opt(char*, void* jsonIn, void** jsonOut, char*)
         PARA_LOG(PARA_INFO, "leave\n");
         return 0;
     }
-    typed::get_request(af, item, 0, jsonOut, PARA_INFO);
+    typed::get_request(af, item, 0, jsonOut, PARA_INFO, __func__);
     return 0;
 }

@@ -45,7 +45,7 @@ void notify_audio(void* setter, int, int value)
 }
 
 const typed::Module audio = {
-    "----------AUDIO PARAM-----------\n\n",
+    "AUDIO",
     audio_members,
     kMembers,
     audio_order,
@@ -81,7 +81,7 @@ PARA_TYPED_DELAY_OPS(audio, audio, audio_save_param_time)
 
 int para_init_audio(char*)
 {
-    if (typed::load_files(audio, nullptr) != 0)
+    if (typed::load_files(audio, nullptr, __func__) != 0)
         return -1;
     audio_page();
     return 0;
@@ -100,7 +100,7 @@ int para_set_audio_member_json(char* memberName, int val, char* valString)
 int para_get_audio_opt(char*, void* jsonIn, void** jsonOut, char*)
 {
     PARA_LOG(PARA_INFO, "inter\n");
-    typed::get_request(audio, static_cast<cJSON*>(jsonIn), 0, jsonOut, PARA_INFO);
+    typed::get_request(audio, static_cast<cJSON*>(jsonIn), 0, jsonOut, PARA_INFO, __func__);
     return 0;
 }
 

@@ -148,7 +148,7 @@ int write_conf_file(const char* path, configure* store, bool lock)
         int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
         FILE* f = fd < 0 ? nullptr : fdopen(fd, "wb");
         if (!f) {
-            PARA_LOG(PARA_ERR, "open %s fail", path);
+            PARA_LOG(PARA_ERR, "open %s fail\n", path);
             if (fd >= 0)
                 close(fd);
             return 0;
@@ -160,7 +160,7 @@ int write_conf_file(const char* path, configure* store, bool lock)
             r = -1;
         /* The .conf save reports nothing to the sweep: say it here. */
         if (r != 0)
-            PARA_LOG(PARA_ERR, "write %s fail: %s", path, strerror(errno));
+            PARA_LOG(PARA_ERR, "write %s fail: %s\n", path, strerror(errno));
         return r;
     }
     /* Unlocked files go through a sibling file renamed into place: a crash
@@ -169,7 +169,7 @@ int write_conf_file(const char* path, configure* store, bool lock)
     std::snprintf(tmp, sizeof tmp, "%s.tmp", path);
     FILE* f = std::fopen(tmp, "wb");
     if (!f) {
-        PARA_LOG(PARA_ERR, "open %s fail", tmp);
+        PARA_LOG(PARA_ERR, "open %s fail\n", tmp);
         return 0;
     }
     struct stat st{};
@@ -180,23 +180,23 @@ int write_conf_file(const char* path, configure* store, bool lock)
     if (r == 0 && std::rename(tmp, path) != 0)
         r = -1;
     if (r != 0) {
-        PARA_LOG(PARA_ERR, "write %s fail", path);
+        PARA_LOG(PARA_ERR, "write %s fail\n", path);
         unlink(tmp);
     }
     return r;
 }
 
-int store_to_buf(const char* module, configure* store, char* buf, int size)
+int store_to_buf(const char* fn, const char* module, configure* store, char* buf, int size)
 {
     if (!buf || size <= 0) {
-        PARA_LOG(PARA_ERR, "%s buf is not enough", module);
+        PARA_LOG_FN(PARA_ERR, fn, "%s buf is not enough\n", module);
         return 0;
     }
     std::memset(buf, 0, static_cast<size_t>(size));
     loop_buf_s lb{buf, size, 0, 0};
     store->loop(store, loop_2_buf, &lb);
     if (lb.ret) {
-        PARA_LOG(PARA_ERR, "%s buf is not enough", module);
+        PARA_LOG_FN(PARA_ERR, fn, "%s buf is not enough\n", module);
         return 0;
     }
     return lb.used + 1;
@@ -232,7 +232,7 @@ int para_init_conf(char* parse_name)
         }
         add_fifo_work(work, 1);
     } else if (init_cnt - 1 >= kConfSlots) {
-        PARA_LOG(PARA_ERR, "err no free conf slot for %s", parse_name ? parse_name : "");
+        PARA_LOG(PARA_ERR, "err no free conf slot for %s\n", parse_name ? parse_name : "(null)");
         return 0;
     } else {
         para::copy_slot_name(conf_list[init_cnt - 1].file_name, parse_name);
@@ -260,7 +260,7 @@ int para_init_single_conf(char* parse_name)
     bool paths = para::make_path(ro, para_profile.param_rofile_dir, slot.file_name, ".conf") &&
                  para::make_path(rw, para_profile.param_rwfile_dir, slot.file_name, ".conf");
     if (!paths || configure_parse(def, nullptr, ro) != 0) {
-        PARA_LOG(PARA_INFO, "%s unloaded: %s unreadable", slot.file_name, ro);
+        PARA_LOG(PARA_INFO, "%s unloaded: %s unreadable\n", slot.file_name, ro);
         slot.conf = nullptr;
         slot.def_conf = nullptr;
         if (fresh) {
@@ -310,7 +310,7 @@ int _para_conf_set_member(const char* file_name, const char* key, const char* te
     if (!store)
         return -1;
     if (!key_round_trips(key)) {
-        PARA_LOG(PARA_ERR, "%s refuse key [%s]", file_name, key ? key : "");
+        PARA_LOG(PARA_ERR, "%s refuse key [%s]\n", file_name, key ? key : "(null)");
         return -1;
     }
     int r = store->put(store, key, text);
@@ -329,11 +329,11 @@ int para_conf_set_member(const char* file_name, const char* key, const char* tex
 
 int para_conf_need_update(char* file_name)
 {
-    PARA_LOG(PARA_INFO, "enter");
+    PARA_LOG(PARA_INFO, "enter\n");
     int r = para_init_single_conf(file_name);
     if (para_profile.conf_caller)
         para_profile.conf_caller(file_name);
-    PARA_LOG(PARA_INFO, "leave");
+    PARA_LOG(PARA_INFO, "leave\n");
     return r;
 }
 
@@ -347,7 +347,7 @@ int para_conf_key_IsChanged(const char* file_name, const char** keys, uint8_t co
         return 0;
     int idx = configure_key_IsChanged(store, list.get());
     if (idx >= 0)
-        PARA_LOG(PARA_INFO, "key id %d changed", idx);
+        PARA_LOG(PARA_INFO, "key id %d changed\n", idx);
     return idx >= 0 ? 1 : 0;
 }
 
@@ -382,7 +382,7 @@ int para_save_conf(char* parse_name)
 int para_save_conf_2_buf(const char* file_name, char* buf, int size)
 {
     configure* store = current_store(file_name);
-    return store ? para::store_to_buf(file_name, store, buf, size) : -1;
+    return store ? para::store_to_buf(__func__, file_name, store, buf, size) : -1;
 }
 
 void Create_Json_4_conf_Object(cJSON* json, int is_def, const char* file_name)
@@ -401,7 +401,7 @@ void Create_Json_4_conf_Object(cJSON* json, int is_def, const char* file_name)
 
 int para_get_conf_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name)
 {
-    PARA_LOG(PARA_DETAIL, "inter");
+    PARA_LOG(PARA_DETAIL, "inter\n");
     auto* in = static_cast<cJSON*>(jsonIn);
     if (!jsonOut)
         return 0;
@@ -417,7 +417,7 @@ int para_get_conf_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_
         }
     }
     *jsonOut = out;
-    PARA_LOG(PARA_DETAIL, "leave");
+    PARA_LOG(PARA_DETAIL, "leave\n");
     return 0;
 }
 
@@ -430,7 +430,7 @@ int para_set_conf_opt(char* req_name, void* jsonIn, char* parse_name)
             _para_conf_set_member(parse_name, item->string, item->valuestring) == 1)
             changed = true;
     if (changed) {
-        PARA_LOG(PARA_INFO, "need_to_notify");
+        PARA_LOG(PARA_INFO, "need_to_notify\n");
         if (para_profile.conf_caller)
             para_profile.conf_caller(parse_name);
     }

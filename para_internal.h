@@ -12,13 +12,16 @@
 #include <mutex>
 #include <string_view>
 
-/* Every line of the library carries "[para <function> +<line>]". The level
- * test is repeated here so disabled lines cost no formatting. */
-#define PARA_LOG(level, fmt, ...)                                                      \
-    do {                                                                               \
-        if (para::log_level() >= (level))                                              \
-            dov_traceout((level), "[para %s +%-4d]" fmt, __func__, __LINE__, ##__VA_ARGS__); \
+/* Every line of the library carries "[para <function> +<line>]" and its own
+ * line feeds. The level test is repeated here so disabled lines cost no
+ * formatting. A shared helper logs with PARA_LOG_FN and the name of the
+ * function the message belongs to, handed in by its caller. */
+#define PARA_LOG_FN(level, fn, fmt, ...)                                           \
+    do {                                                                           \
+        if (para::log_level() >= (level))                                          \
+            dov_traceout((level), "[para %s +%-4d]" fmt, (fn), __LINE__, ##__VA_ARGS__); \
     } while (0)
+#define PARA_LOG(level, fmt, ...) PARA_LOG_FN(level, __func__, fmt, ##__VA_ARGS__)
 
 namespace para {
 /* The host may change the level while the worker logs: read it whole. */
@@ -52,9 +55,10 @@ using CharPtr = std::unique_ptr<char, FreeDeleter>;
 bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
                const char* suffix = nullptr);
 
-/* Reads and parses a JSON file. Logs "Error before: [%s]" (with the given
- * trailing text) on a parse error. *unreadable tells the two failures apart. */
-JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail = "");
+/* Reads and parses a JSON file. Logs "Error before: [%s]" for fn on a parse
+ * error, followed by an empty line when blank_line. *unreadable tells the two
+ * failures apart. */
+JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line);
 
 /* Decimal text of v at the start of buf, terminated; returns its length. */
 int format_decimal(long long v, char (&buf)[24]);

@@ -387,7 +387,7 @@ int para_init_isp(char* parse_name)
         !para::make_path(cur_path, para_profile.param_rwfile_dir, k_cur_file))
         return -1;
 
-    para::JsonPtr range = para::load_json_file(range_path, nullptr, "\n\n");
+    para::JsonPtr range = para::load_json_file(__func__, range_path, nullptr, true);
     if (!range)
         return -1;
     g_num_isp = check_isp_num(range.get());
@@ -408,7 +408,7 @@ int para_init_isp(char* parse_name)
     }
 
     int parse_ok = 0;
-    if (para::JsonPtr cur = para::load_json_file(cur_path, nullptr, "\n\n")) {
+    if (para::JsonPtr cur = para::load_json_file(__func__, cur_path, nullptr, true)) {
         load_cur_file(cur.get());
         parse_ok = 1;
     }
@@ -443,7 +443,7 @@ int para_set_isp_opt(char* req_name, void* jsonIn, char* parse_name)
 
 int para_get_isp_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_name)
 {
-    PARA_LOG(PARA_INFO, "inter %s\n", req_name ? req_name : "");
+    PARA_LOG(PARA_INFO, "inter %s\n", req_name ? req_name : "(null)");
     static const struct {
         const char* suffix;
         int is_def;

@@ -23,4 +23,9 @@ inline bool isp_valid_pipe(int pipe)
 /* Unsaved-change flag of the module, for tests. */
 bool isp_change_pending(void);
 
+namespace para {
+/* The parsed style file of each ISP, kept for the life of the process. */
+extern cJSON* isp_style_tree[PARA_ISP_NUM];
+} // namespace para
+
 #endif

@@ -7,6 +7,13 @@
 #include <string>
 
 cJSON* json_style_file = nullptr;
+
+namespace para {
+/* Both trees stay alive: the lists point into them. Not file-local: nothing
+ * here reads them back, and a file-local array that is only written may be
+ * dropped by the compiler, which would leave the roots unreferenced. */
+cJSON* isp_style_tree[PARA_ISP_NUM];
+} // namespace para
 cJSON** style_list_isp0 = nullptr;
 cJSON** style_list_isp1 = nullptr;
 dov_isp_param_s* isp0_para_in_style = nullptr;
@@ -18,8 +25,6 @@ int style_num[PARA_ISP_NUM];
 int style_def[PARA_ISP_NUM];
 int style_excute_by_arm[PARA_ISP_NUM];
 int odm_param_antiflicker_def[PARA_ISP_NUM] = {-1, -1};
-/* Both trees stay alive: the lists point into them. */
-cJSON* style_tree[PARA_ISP_NUM];
 
 cJSON**& style_list(int isp_id)
 {
@@ -44,15 +49,9 @@ cJSON* style_entry(int isp_id, int index)
 void set_style_index(cJSON* style, int k)
 {
     cJSON* item = cJSON_GetObjectItem(style, "style");
-    if (!item)
-        return;
-    if (cJSON_IsNumber(item)) {
+    // The item keeps its type: a text stays a text and carries the number beside it.
+    if (item)
         cJSON_SetNumberHelper(item, k);
-        return;
-    }
-    // A non-number would read as 0 later; make it the number it stands for.
-    std::string key(item->string ? item->string : "style");
-    cJSON_ReplaceItemInObjectCaseSensitive(style, key.c_str(), cJSON_CreateNumber(k));
 }
 
 } // namespace
@@ -65,12 +64,16 @@ int para_init_isp_style(int isp_id)
     if (!para::make_path(path, para_profile.param_rofile_dir,
                          isp_id ? "isp1_def.json" : "isp0_def.json"))
         return -1;
-    para::JsonPtr tree = para::load_json_file(path, nullptr, "\n\n");
-    if (!tree)
+    bool unreadable = false;
+    para::JsonPtr tree = para::load_json_file(__func__, path, &unreadable, true);
+    if (!tree) {
+        if (!unreadable)
+            json_style_file = nullptr; // holds the failed parse
         return -1;
+    }
     cJSON* root = tree.get();
     json_style_file = root;
-    style_tree[isp_id] = tree.release();
+    para::isp_style_tree[isp_id] = tree.release();
 
     if (cJSON* def = cJSON_GetObjectItem(root, "isp0_style_def"))
         style_def[isp_id] = para::json_int(def);
@@ -110,7 +113,7 @@ int para_init_isp_style(int isp_id)
         cJSON* style = name ? cJSON_GetObjectItem(root, name) : nullptr;
         entries[k] = style;
         if (!style) {
-            PARA_LOG(PARA_INFO, "error can not find style %s\n", name ? name : "");
+            PARA_LOG(PARA_INFO, "error can not find style %s\n", name ? name : "(null)");
             continue;
         }
         PARA_LOG(PARA_INFO, "find style[%d]:%s\n", k, name);

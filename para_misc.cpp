@@ -23,6 +23,9 @@ cJSON* misc_range[kJsonSlots];
 configure* conf_cur[kJsonSlots];
 configure* conf_def[kJsonSlots];
 para::ChangeState misc_item_change[kJsonSlots];
+/* Set once the slot's files loaded; a slot that did not load never writes
+ * its file, so what the user kept there survives until a fixed start. */
+bool misc_loaded[kJsonSlots];
 
 int check_conf_list(const char* name)
 {
@@ -79,22 +82,23 @@ int loop_2_json(void* argv, const char* key, const char* value)
     return 0;
 }
 
-int log_entry(void*, const char* key, const char* value)
+/* argv: the name of the function the listing belongs to. */
+int log_entry(void* argv, const char* key, const char* value)
 {
-    PARA_LOG(PARA_INFO, "    %s=%s", key, value);
+    PARA_LOG_FN(PARA_INFO, static_cast<const char*>(argv), "    %s=%s\n", key, value);
     return 0;
 }
 
-void log_current(int slot)
+void log_current(const char* fn, int slot)
 {
-    PARA_LOG(PARA_INFO, "%s cur:", conf_list[slot].file_name);
+    PARA_LOG_FN(PARA_INFO, fn, "%s cur:\n", conf_list[slot].file_name);
     if (conf_cur[slot] && para::log_level() >= PARA_INFO)
-        conf_cur[slot]->loop(conf_cur[slot], log_entry, nullptr);
+        conf_cur[slot]->loop(conf_cur[slot], log_entry, const_cast<char*>(fn));
 }
 
 /* Loads range file and stores of a JSON module into slot s; false when the
  * module has to give its slot to the next one. */
-bool load_module(int s, const char* name)
+bool load_module(const char* fn, int s, const char* name)
 {
     conf_cur[s] = configure_init();
     conf_def[s] = configure_init();
@@ -103,13 +107,13 @@ bool load_module(int s, const char* name)
         return false;
     para::CharPtr text(read_file_to_buf(path));
     if (!text) {
-        PARA_LOG(PARA_INFO, "Error range %s", path);
+        PARA_LOG_FN(PARA_INFO, fn, "Error range %s\n", path);
         return false;
     }
     para::JsonPtr tree(cJSON_Parse(text.get()));
     if (!tree) {
         const char* at = cJSON_GetErrorPtr();
-        PARA_LOG(PARA_INFO, "Error before: [%s]", at ? at : "");
+        PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n", at ? at : "(null)");
         return false;
     }
     misc_range[s] = cJSON_Duplicate(tree.get(), 1);
@@ -117,7 +121,7 @@ bool load_module(int s, const char* name)
     if (!para::make_path(path, para_profile.param_rofile_dir, name, ".conf"))
         return false;
     if (configure_parse(conf_def[s], nullptr, path) != 0) {
-        PARA_LOG(PARA_INFO, "%s configure_parse fail", path);
+        PARA_LOG_FN(PARA_INFO, fn, "%s configure_parse fail\n", path);
         return false;
     }
     configure_parse(conf_cur[s], nullptr, path);
@@ -135,6 +139,7 @@ void clear_slot(int s)
     conf_cur[s] = conf_def[s] = nullptr;
     misc_range[s] = nullptr;
     misc_item_change[s].take();
+    misc_loaded[s] = false;
 }
 
 } // namespace
@@ -156,14 +161,14 @@ extern "C" {
 int peek_array_enum_type(cJSON* array)
 {
     if (!array || !array->child) {
-        PARA_LOG(PARA_INFO, "error cJSON null");
+        PARA_LOG(PARA_INFO, "error cJSON null\n");
         return 0;
     }
     if (cJSON_IsString(array->child))
         return kKindName;
     if (cJSON_IsNumber(array->child))
         return kKindNumber;
-    PARA_LOG(PARA_INFO, "error type cJSON_Invalid");
+    PARA_LOG(PARA_INFO, "error type cJSON_Invalid\n");
     return 0;
 }
 
@@ -303,17 +308,19 @@ int para_init_misc(char* parse_name)
     }
     int s = init_flag - 1;
     if (s >= kJsonSlots) {
-        PARA_LOG(PARA_ERR, "err no free json slot for %s", parse_name ? parse_name : "");
+        PARA_LOG(PARA_ERR, "err no free json slot for %s\n", parse_name ? parse_name : "(null)");
         return 0;
     }
     clear_slot(s);
     para::copy_slot_name(conf_list[s].file_name, parse_name);
     if (para::same(parse_name, "misc")) {
-        para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]);
-    } else if (!load_module(s, conf_list[s].file_name)) {
+        misc_loaded[s] = para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]) == 0;
+    } else if (!load_module(__func__, s, conf_list[s].file_name)) {
         return 0;
+    } else {
+        misc_loaded[s] = true;
     }
-    log_current(s);
+    log_current(__func__, s);
     ++init_flag;
     return 0;
 }
@@ -334,6 +341,10 @@ int para_save_misc(char* parse_name)
     // The older layout of "misc" writes without a file lock.
     std::lock_guard<std::mutex> saving(para::save_mutex);
     misc_item_change[s].take();
+    if (!misc_loaded[s]) {
+        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
+        return 0;
+    }
     if (para::same(parse_name, "misc"))
         return para_save_misc_legacy(parse_name, conf_cur[s]);
     char path[PARA_PATH_MAX];
@@ -348,7 +359,7 @@ int para_save_misc_conf_2_buf(const char* file_name, char* buf, int size)
     int s = check_conf_list(file_name);
     if (s < 0 || !conf_cur[s])
         return -1;
-    return para::store_to_buf(file_name, conf_cur[s], buf, size);
+    return para::store_to_buf(__func__, file_name, conf_cur[s], buf, size);
 }
 
 void Create_Json_Misc_Object(const char* file_name, cJSON* json, int is_def)
@@ -365,7 +376,7 @@ int para_get_misc_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_
 {
     auto* in = static_cast<cJSON*>(jsonIn);
     int is_def = para::request_is_def(in);
-    PARA_LOG(PARA_DETAIL, "inter %s def:%d", req_name ? req_name : "", is_def);
+    PARA_LOG(PARA_DETAIL, "inter %s def:%d\n", req_name ? req_name : "(null)", is_def);
     int s = check_conf_list(parse_name);
     if (s < 0 || !jsonOut)
         return -1;
@@ -386,7 +397,7 @@ int para_get_misc_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_
         else if (kind == kKindNumber)
             cJSON_AddItemToObject(out, e->valuestring, cJSON_CreateNumber(std::atoi(text)));
     }
-    PARA_LOG(PARA_DETAIL, "leave");
+    PARA_LOG(PARA_DETAIL, "leave\n");
     return 0;
 }
 
@@ -398,22 +409,22 @@ int para_set_misc_opt(char* req_name, void* jsonIn, char* parse_name)
         int type = item->type & 0xFF;
         int kind = peek_json_enum_type(parse_name, item->string);
         if (kind != type) {
-            PARA_LOG(PARA_INFO, "%s type wrong,set:%d,def:%d", item->string ? item->string : "",
+            PARA_LOG(PARA_INFO, "%s type wrong,set:%d,def:%d\n", item->string ? item->string : "",
                      type, kind);
             continue;
         }
         int r;
         if (type == cJSON_String) {
-            PARA_LOG(PARA_INFO, "111111111");
+            PARA_LOG(PARA_INFO, "111111111\n");
             r = para_set_json_cur_str(parse_name, item->string, item->valuestring);
         } else {
-            PARA_LOG(PARA_INFO, "222222222");
+            PARA_LOG(PARA_INFO, "222222222\n");
             r = para_set_json_cur_number(parse_name, item->string, para::json_int(item));
         }
         changed = changed || r == 1;
     }
     if (changed) {
-        PARA_LOG(PARA_INFO, "need_to_notify");
+        PARA_LOG(PARA_INFO, "need_to_notify\n");
         if (para_profile.misc_page_caller)
             para_profile.misc_page_caller(parse_name, jsonIn);
     }

@@ -34,11 +34,11 @@ struct OdmPaths {
 
 /* Without a read-write directory the names would fall back to the working
  * directory of whatever process runs us: refuse instead. */
-bool odm_paths(OdmPaths& p)
+bool odm_paths(const char* fn, OdmPaths& p)
 {
     const char* rw = para_profile.param_rwfile_dir;
     if (!rw || !*rw) {
-        PARA_LOG(PARA_ERR, "no read-write directory, factory store not kept on disk");
+        PARA_LOG_FN(PARA_ERR, fn, "no read-write directory, factory store not kept on disk\n");
         return false;
     }
     return para::make_path(p.dir, rw, "persist/") &&
@@ -46,12 +46,12 @@ bool odm_paths(OdmPaths& p)
            para::make_path(p.old_file, rw, "isp_odm.json");
 }
 
-void ensure_persist_dir(const OdmPaths& p)
+void ensure_persist_dir(const char* fn, const OdmPaths& p)
 {
     if (access(p.dir, F_OK) == 0)
         return;
     if (mkdir(p.dir, 0775) != 0)
-        PARA_LOG(PARA_ERR, "mkdir %s failed: %s", p.dir, strerror(errno));
+        PARA_LOG_FN(PARA_ERR, fn, "mkdir %s failed: %s\n", p.dir, strerror(errno));
 }
 
 /* ---- value kinds ---------------------------------------------------- */
@@ -69,6 +69,7 @@ struct OdmTarget {
     int* number;
     char* buf;
     int size;
+    const char* fn; /* the accessor that reads, for its log lines */
 };
 
 struct OdmKind {
@@ -86,7 +87,7 @@ struct OdmKind {
 int read_text(const cJSON* item, const OdmTarget& t)
 {
     if (!cJSON_IsString(item) || !item->valuestring) {
-        PARA_LOG(PARA_INFO, "%s holds no text", item->string);
+        PARA_LOG_FN(PARA_INFO, t.fn, "%s holds no text\n", item->string);
         return -2;
     }
     size_t len = std::strlen(item->valuestring);
@@ -96,7 +97,7 @@ int read_text(const cJSON* item, const OdmTarget& t)
     }
     std::memcpy(t.buf, item->valuestring, static_cast<size_t>(t.size) - 1);
     t.buf[t.size - 1] = '\0';
-    PARA_LOG(PARA_ERR, "%s: text of %zu bytes cut to %d", item->string, len, t.size - 1);
+    PARA_LOG_FN(PARA_ERR, t.fn, "%s: text of %zu bytes cut to %d\n", item->string, len, t.size - 1);
     return -4;
 }
 
@@ -126,10 +127,10 @@ const OdmKind odm_string_kind = {
 
 OdmValue odm_value(int v) { return {&odm_int_kind, v, nullptr}; }
 OdmValue odm_value(const char* v) { return {&odm_string_kind, 0, v}; }
-OdmTarget odm_target(int* out) { return {&odm_int_kind, out, nullptr, 0}; }
+OdmTarget odm_target(int* out) { return {&odm_int_kind, out, nullptr, 0, nullptr}; }
 OdmTarget odm_target(char* out, int size = PARA_ODM_STRING_MAX)
 {
-    return {&odm_string_kind, nullptr, out, size};
+    return {&odm_string_kind, nullptr, out, size, nullptr};
 }
 
 /* ---- store ---------------------------------------------------------- */
@@ -145,10 +146,10 @@ void check_json_odm_file()
     }
 }
 
-int odm_store(const char* key, const OdmValue& v)
+int odm_store(const char* fn, const char* key, const OdmValue& v)
 {
     if (!key || !v.kind->valid(v)) {
-        PARA_LOG(PARA_ERR, "refused %s write: key %s, value %s", v.kind->name,
+        PARA_LOG_FN(PARA_ERR, fn, "refused %s write: key %s, value %s\n", v.kind->name,
                  key ? key : "(null)", v.kind->valid(v) ? "given" : "(null)");
         return 0;
     }
@@ -174,19 +175,19 @@ void odm_mark_changed()
     odm_item_flag.store(1);
 }
 
-void odm_set(char* key, const OdmValue& v)
+void odm_set(const char* fn, char* key, const OdmValue& v)
 {
-    if (odm_store(key, v) != 1)
+    if (odm_store(fn, key, v) != 1)
         return;
     if (para_profile.odm_caller)
         para_profile.odm_caller(key);
     odm_mark_changed();
 }
 
-int odm_get(const char* key, const OdmTarget& t)
+int odm_get(const char* fn, const char* key, OdmTarget t)
 {
     if (!key || (!t.number && !t.buf) || (t.buf && t.size < 1)) {
-        PARA_LOG(PARA_ERR, "refused %s read: key %s", t.kind->name, key ? key : "(null)");
+        PARA_LOG_FN(PARA_ERR, fn, "refused %s read: key %s\n", t.kind->name, key ? key : "(null)");
         return -3;
     }
     std::lock_guard<std::mutex> lock(odm_mutex);
@@ -195,6 +196,7 @@ int odm_get(const char* key, const OdmTarget& t)
     const cJSON* item = cJSON_GetObjectItem(json_odm_file, key);
     if (!item)
         return -2;
+    t.fn = fn;
     return t.kind->read(item, t);
 }
 
@@ -205,19 +207,19 @@ int odm_get(const char* key, const OdmTarget& t)
 int para_init_odm(char* parse_name)
 {
     OdmPaths p;
-    if (!odm_paths(p))
+    if (!odm_paths(__func__, p))
         return 0;
     if (access(p.old_file, F_OK) == 0) {
-        ensure_persist_dir(p);
+        ensure_persist_dir(__func__, p);
         if (rename(p.old_file, p.file) != 0)
-            PARA_LOG(PARA_ERR, "moving %s to %s failed: %s", p.old_file, p.file, strerror(errno));
+            PARA_LOG(PARA_ERR, "moving %s to %s failed: %s\n", p.old_file, p.file, strerror(errno));
     }
     bool unreadable = false;
-    para::JsonPtr json = para::load_json_file(p.file, &unreadable, "\n\n");
+    para::JsonPtr json = para::load_json_file(__func__, p.file, &unreadable, true);
     if (unreadable)
         return 0;
     if (json && !cJSON_IsObject(json.get())) {
-        PARA_LOG(PARA_ERR, "%s is not a JSON object, ignored", p.file);
+        PARA_LOG(PARA_ERR, "%s is not a JSON object, ignored\n", p.file);
         json.reset();
     }
     if (!json)
@@ -253,9 +255,9 @@ int para_save_odm(char* parse_name)
 {
     odm_item_flag.store(0);
     OdmPaths p;
-    if (!odm_paths(p))
+    if (!odm_paths(__func__, p))
         return 0;
-    ensure_persist_dir(p);
+    ensure_persist_dir(__func__, p);
     std::lock_guard<std::mutex> lock(odm_mutex);
     if (!json_odm_file)
         return 0;
@@ -264,14 +266,20 @@ int para_save_odm(char* parse_name)
 
 /* ---- accessors ------------------------------------------------------ */
 
-#define ODM_DEFINE(kind, type, out_type)                                                    \
-    int _para_set_odm_##kind(char* key, type value) { return odm_store(key, odm_value(value)); } \
-    void para_set_odm_##kind(char* key, type value) { odm_set(key, odm_value(value)); }          \
-    int para_get_odm_##kind(char* key, out_type value) { return odm_get(key, odm_target(value)); }
+#define ODM_DEFINE(kind, type, out_type)                                              \
+    int _para_set_odm_##kind(char* key, type value)                                   \
+    {                                                                                 \
+        return odm_store(__func__, key, odm_value(value));                            \
+    }                                                                                 \
+    void para_set_odm_##kind(char* key, type value) { odm_set(__func__, key, odm_value(value)); } \
+    int para_get_odm_##kind(char* key, out_type value)                                \
+    {                                                                                 \
+        return odm_get(__func__, key, odm_target(value));                             \
+    }
 PARA_ODM_KINDS(ODM_DEFINE)
 #undef ODM_DEFINE
 
 int para_get_odm_string_safe(char* key, char* buf, int size)
 {
-    return odm_get(key, odm_target(buf, size));
+    return odm_get(__func__, key, odm_target(buf, size));
 }

@@ -40,7 +40,7 @@ int write_conf_file(const char* path, configure* store, bool lock);
 
 /* Store dump into buf for the *_2_buf operations: used + 1, or 0 (logged
  * with module) when buf is too small. */
-int store_to_buf(const char* module, configure* store, char* buf, int size);
+int store_to_buf(const char* fn, const char* module, configure* store, char* buf, int size);
 
 /* Read requests: is_def from the item's own key, and the ["all"] form
  * (one element, a string beginning with "all"). */

@@ -62,10 +62,10 @@
     void _parse_##tag##_def_json(cJSON* j) { para::typed::load_all(mod, para::typed::kDefault, j); } \
     void _parse_##tag##_cur_json(cJSON* j) { para::typed::load_all(mod, para::typed::kCurrent, j); } \
     int para_need_save_##tag(char*) { return para::typed::need_save(mod); }                       \
-    int para_save_##tag(char*) { return para::typed::save(mod); }                                 \
-    void tag##_page(void) { para::typed::dump(mod); }
+    int para_save_##tag(char*) { return para::typed::save(mod, __func__); }                       \
+    void tag##_page(void) { para::typed::dump(mod, __func__); }
 #define PARA_TYPED_DELAY_OPS(tag, mod, delay)                                              \
-    int save_cur_##tag##_param_delay(int msec) { return para::typed::save_delay(mod, msec); } \
+    int save_cur_##tag##_param_delay(int msec) { return para::typed::save_delay(mod, msec, __func__); } \
     void para_set_##tag##_save_param_time(int ms) { delay.store(ms); }
 
 namespace para::typed {
@@ -98,7 +98,7 @@ enum Rec { kMin, kMax, kDef, kCur, kInit, kExist, kRecKinds };
 enum FileKind { kRange, kDefault, kCurrent };
 
 struct Module {
-    const char* title; /* first line of the log dump */
+    const char* title; /* names the module in the first line of the log dump */
     const Member* members;
     int count;
     const int* order; /* key order of objects and files; null: record order */
@@ -304,7 +304,7 @@ inline void load_all(const Module& m, FileKind fk, const cJSON* json)
 /* Range, default and current file. count_records, when given, sets the
  * number of records in use from the parsed range file. 0, or -1 when the
  * range or default file cannot be read or parsed (what was loaded stays). */
-inline int load_files(const Module& m, int (*count_records)(cJSON*))
+inline int load_files(const Module& m, int (*count_records)(cJSON*), const char* fn)
 {
     char range[PARA_PATH_MAX], def[PARA_PATH_MAX], cur[PARA_PATH_MAX];
     make_path(range, para_profile.param_rofile_dir, m.files[0]);
@@ -316,10 +316,10 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*))
     }
 
     bool unreadable = false;
-    JsonPtr json = load_json_file(range, &unreadable, "\n\n");
+    JsonPtr json = load_json_file(fn, range, &unreadable, true);
     if (!json) {
         if (unreadable && !m.plain)
-            PARA_LOG(PARA_INFO, "Error range def buf\n\n");
+            PARA_LOG_FN(PARA_INFO, fn, "Error range def buf\n\n");
         return -1;
     }
     if (count_records) {
@@ -328,10 +328,10 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*))
     }
     load_all(m, kRange, json.get());
 
-    json = load_json_file(def, &unreadable, "\n\n");
+    json = load_json_file(fn, def, &unreadable, true);
     if (!json) {
         if (unreadable && !m.plain)
-            PARA_LOG(PARA_INFO, "Error read def buf\n\n");
+            PARA_LOG_FN(PARA_INFO, fn, "Error read def buf\n\n");
         return -1;
     }
     load_all(m, kDefault, json.get());
@@ -339,15 +339,15 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*))
 
     bool applied = false;
     if (cur[0] && access(cur, F_OK) == 0) {
-        json = load_json_file(cur, &unreadable, "\n\n");
+        json = load_json_file(fn, cur, &unreadable, true);
         if (json) {
             load_all(m, kCurrent, json.get());
             applied = true;
         } else if (unreadable && !m.plain) {
-            PARA_LOG(PARA_INFO, "Error read cur buf\n\n");
+            PARA_LOG_FN(PARA_INFO, fn, "Error read cur buf\n\n");
         }
     }
-    PARA_LOG(PARA_INFO, "parse_ok:%d\n", applied ? 1 : 0);
+    PARA_LOG_FN(PARA_INFO, fn, "parse_ok:%d\n", applied ? 1 : 0);
 
     Lock lk(m.st->mu);
     std::memcpy(m.rec[kInit], m.rec[kCur], sizeof(int32_t) * m.stride * m.records);
@@ -443,11 +443,9 @@ inline int set_member(const Module& m, const char* name, int s, int val, const c
     Lock lk(m.st->mu);
     if (!valid(m, s) || !(at(m, kExist, s, mb) & (mb.named ? kBitName : kBitNumber)))
         return m.missing_kind_result;
-    if (mb.named) {
+    // A name that fits nothing gives -1000, which the range check decides on.
+    if (mb.named)
         val = valString ? lookup_num(mb, valString) : kNoName;
-        if (val == kNoName)
-            return 0; // no name fits: never a value, whatever the range
-    }
     return set_locked(m, mb, s, val);
 }
 
@@ -456,12 +454,13 @@ inline int set_member(const Module& m, const char* name, int s, int val, const c
 /* Get request on record s: ["all"] (or one text beginning with "all") for
  * every existing member, else the listed members. Anything but an array of
  * names (the whole message of a reading post, say) gets no reply. */
-inline void get_request(const Module& m, const cJSON* item, int s, void** jsonOut, int level)
+inline void get_request(const Module& m, const cJSON* item, int s, void** jsonOut, int level,
+                        const char* fn)
 {
     if (!jsonOut)
         return;
     if (!cJSON_IsArray(item)) {
-        PARA_LOG(level, "leave\n");
+        PARA_LOG_FN(level, fn, "leave\n");
         return;
     }
     const cJSON* first = item->child;
@@ -490,7 +489,7 @@ inline void get_request(const Module& m, const cJSON* item, int s, void** jsonOu
         }
     }
     *jsonOut = reply;
-    PARA_LOG(level, "leave\n");
+    PARA_LOG_FN(level, fn, "leave\n");
 }
 
 /* Set request on record s: every child through the by-name write; one page
@@ -517,12 +516,12 @@ inline int need_save(const Module& m)
 
 /* Writes the current file. The flag is cleared before the snapshot, so a
  * change that lands while writing is saved by the next sweep. */
-inline int save(const Module& m)
+inline int save(const Module& m, const char* fn)
 {
     std::lock_guard<std::mutex> saving(save_mutex);
     m.st->change.take();
     if (!m.st->loaded) {
-        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", m.files[2]);
+        PARA_LOG_FN(PARA_INFO, fn, "not loaded, %s left as it is\n", m.files[2]);
         return 0;
     }
     JsonPtr tree(file_object(m));
@@ -532,12 +531,12 @@ inline int save(const Module& m)
     return write_json_file(path, tree.get());
 }
 
-inline int save_delay(const Module& m, int msec)
+inline int save_delay(const Module& m, int msec, const char* fn)
 {
     if (msec < 0)
         msec = m.delay_ms ? m.delay_ms->load() : 2000;
     if (m.st->change.due(msec))
-        save(m);
+        save(m, fn);
     return 0;
 }
 
@@ -545,23 +544,23 @@ inline int save_delay(const Module& m, int msec)
 
 /* Per-stream modules list their existing members per stream; flat modules
  * list every member (an absent one with its getter's value). */
-inline void dump(const Module& m)
+inline void dump(const Module& m, const char* fn)
 {
-    PARA_LOG(PARA_INFO, "%s", m.title);
+    PARA_LOG_FN(PARA_INFO, fn, "----------%s PARAM-----------\n\n", m.title);
     Lock lk(m.st->mu);
     for (int s = 0; valid(m, s); ++s) {
         if (m.stream_key)
-            PARA_LOG(PARA_INFO, "stream_%d param:\n", s + 1);
+            PARA_LOG_FN(PARA_INFO, fn, "stream_%d param:\n", s + 1);
         for (int i = 0; i < m.count; ++i) {
             const Member& mb = m.members[i];
             if (m.stream_key && at(m, kExist, s, mb) == 0)
                 continue;
-            PARA_LOG(PARA_INFO, "%16s : cur:[%d],\tdef:[%d],\trange:[%d,%d]\n", mb.key,
+            PARA_LOG_FN(PARA_INFO, fn, "%16s : cur:[%d],\tdef:[%d],\trange:[%d,%d]\n", mb.key,
                      get_locked(m, mb, kCur, s), at(m, kDef, s, mb), at(m, kMin, s, mb),
                      at(m, kMax, s, mb));
         }
     }
-    PARA_LOG(PARA_INFO, "--------------------------------\n\n");
+    PARA_LOG_FN(PARA_INFO, fn, "--------------------------------\n\n");
 }
 
 } // namespace para::typed

@@ -21,14 +21,14 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name, co
     }
     if (n < 0) {
         out[0] = '\0';
-        PARA_LOG(PARA_ERR, "path too long: %s/%s%s", dir ? dir : "", name ? name : "",
+        PARA_LOG(PARA_ERR, "path too long: %s/%s%s\n", dir ? dir : "", name ? name : "",
                  suffix ? suffix : "");
         return false;
     }
     return true;
 }
 
-JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail)
+JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line)
 {
     if (unreadable)
         *unreadable = false;
@@ -40,8 +40,12 @@ JsonPtr load_json_file(const char* path, bool* unreadable, const char* err_tail)
     }
     JsonPtr json(cJSON_Parse(text.get()));
     if (!json) {
+        // The position points into text: print it before text is freed.
         const char* at = cJSON_GetErrorPtr();
-        PARA_LOG(PARA_INFO, "Error before: [%s]%s", at ? at : "", err_tail ? err_tail : "");
+        if (blank_line)
+            PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n\n", at ? at : "(null)");
+        else
+            PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n", at ? at : "(null)");
     }
     return json;
 }
@@ -201,7 +205,7 @@ int write_json_file(const char* path, const cJSON* json)
         return -1;
     FILE* f = std::fopen(path, "wb");
     if (!f) {
-        PARA_LOG(PARA_ERR, "open %s for writing: %s", path, strerror(errno));
+        PARA_LOG(PARA_ERR, "open %s for writing: %s\n", path, strerror(errno));
         return 0;
     }
     std::fwrite(text.get(), 1, std::strlen(text.get()) + 1, f);
@@ -214,7 +218,7 @@ int write_json_file(const char* path, const cJSON* json)
         r = -1;
     }
     if (r != 0)
-        PARA_LOG(PARA_ERR, "writing %s failed: %s", path, strerror(err));
+        PARA_LOG(PARA_ERR, "writing %s failed: %s\n", path, strerror(err));
     return r;
 }
 

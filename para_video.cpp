@@ -82,7 +82,7 @@ void notify_video(void* setter, int stream, int value)
 }
 
 const typed::Module video = {
-    "----------VIDEO PARAM-----------\n\n",
+    "VIDEO",
     video_members,
     kMembers,
     nullptr,
@@ -161,7 +161,7 @@ int para_init_video(char*)
     static std::atomic<bool> init_flag{false};
     if (init_flag.exchange(true))
         return 0;
-    if (typed::load_files(video, check_video_num) != 0)
+    if (typed::load_files(video, check_video_num, __func__) != 0)
         return -1;
     video_page();
     static const fifo_worker dumps[2] = {
@@ -196,7 +196,7 @@ int para_get_video_opt(char*, void* jsonIn, void** jsonOut, char*)
         PARA_LOG(PARA_DETAIL, "leave\n");
         return 0;
     }
-    typed::get_request(video, item, s, jsonOut, PARA_DETAIL);
+    typed::get_request(video, item, s, jsonOut, PARA_DETAIL, __func__);
     return 0;
 }
 
@@ -239,13 +239,13 @@ void para_video_enum(const char*, void*)
         int count;
     };
     static const Table tables[] = {
-        {"--size:--------\n", size, 47},
-        {"--protocol:--------\n", protocol, 3},
-        {"--rcMode:--------\n", rcMode, 5},
-        {"--profile:--------\n", profile, 4},
+        {"size", size, 47},
+        {"protocol", protocol, 3},
+        {"rcMode", rcMode, 5},
+        {"profile", profile, 4},
     };
     for (const Table& t : tables) {
-        PARA_LOG(PARA_INFO, "%s", t.title);
+        PARA_LOG(PARA_INFO, "--%s:--------\n", t.title);
         for (int i = 0; i < t.count; ++i)
             PARA_LOG(PARA_INFO, "--------%d:%s\n", i, t.names[i]);
     }

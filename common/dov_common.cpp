@@ -37,13 +37,10 @@ void dov_traceout(int level, const char* format, ...)
     va_end(ap);
     if (n < 0)
         return;
-    size_t len = strnlen(line, sizeof line - 1);
-    if (len == 0 || line[len - 1] != '\n') {
-        if (len >= sizeof line - 1)
-            len = sizeof line - 2;
-        line[len++] = '\n';
-        line[len] = '\0';
-    }
+    // The line is written as the format made it: its line feeds are the
+    // caller's. Only a line cut at the buffer's end gets its feed back.
+    if (off + n >= static_cast<int>(sizeof line))
+        line[sizeof line - 2] = '\n';
     if (dov_log_cb cb = __atomic_load_n(&dbgout_profile.log_cb, __ATOMIC_ACQUIRE))
         cb(level, line);
     else

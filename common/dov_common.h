@@ -41,8 +41,9 @@ typedef struct dbgout_profile_s {
 
 DOV_API extern dbgout_profile_s dbgout_profile;
 
-/* Writes one line when dbgout_profile.para_level >= level. A missing
- * trailing line feed is added. Lines longer than 4 KiB are cut. */
+/* Writes the formatted text when dbgout_profile.para_level >= level, adding
+ * nothing: the format carries its own line feeds. A text longer than 4 KiB
+ * is cut and then ends in a line feed. */
 DOV_API void dov_traceout(int level, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 

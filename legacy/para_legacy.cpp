@@ -113,14 +113,14 @@ cJSON* fix_old_misc_range_conf(cJSON* old_range)
     for (cJSON* item = old_range ? old_range->child : nullptr; item; item = item->next) {
         if (!item->string)
             continue;
-        PARA_LOG(PARA_INFO, "element is %s,size:%d", item->string, cJSON_GetArraySize(item));
+        PARA_LOG(PARA_INFO, "element is %s,size:%d\n", item->string, cJSON_GetArraySize(item));
         cJSON* first = cJSON_GetArrayItem(item, 0);
         cJSON* last = cJSON_GetArrayItem(item, 1);
         if (!first || !last)
             continue;
         if (const NameTable* t = name_table(item->string)) {
             if (!cJSON_IsString(first) || !cJSON_IsString(last)) {
-                PARA_LOG(PARA_ERR, "%s: range ends are not names", item->string);
+                PARA_LOG(PARA_ERR, "%s: range ends are not names\n", item->string);
                 continue;
             }
             cJSON_AddItemToObject(out, item->string,
@@ -135,7 +135,7 @@ cJSON* fix_old_misc_range_conf(cJSON* old_range)
 int fix_old_misc_def_cur_conf(const char* path, configure* store)
 {
     bool unreadable = false;
-    para::JsonPtr json = para::load_json_file(path, &unreadable);
+    para::JsonPtr json = para::load_json_file(__func__, path, &unreadable, false);
     if (!json || !store)
         return -1;
     for (cJSON* item = json->child; item; item = item->next) {
@@ -157,17 +157,17 @@ int para_init_misc_legacy(char* file_name, configure** cur, configure** def, cJS
         return -1;
     *cur = configure_init();
     *def = configure_init();
-    PARA_LOG(PARA_INFO, "enter");
+    PARA_LOG(PARA_INFO, "enter\n");
     char path[PARA_PATH_MAX];
     para::CharPtr text(ro_path(path, "misc_range.json") ? read_file_to_buf(path) : nullptr);
     if (!text) {
-        PARA_LOG(PARA_INFO, "Error range def buf");
+        PARA_LOG(PARA_INFO, "Error range def buf\n");
         return -1;
     }
     para::JsonPtr parsed(cJSON_Parse(text.get()));
     if (!parsed) {
         const char* at = cJSON_GetErrorPtr();
-        PARA_LOG(PARA_INFO, "Error before: [%s]", at ? at : "");
+        PARA_LOG(PARA_INFO, "Error before: [%s]\n", at ? at : "(null)");
         return -1;
     }
     cJSON* version = cJSON_GetObjectItem(parsed.get(), "version");
@@ -180,7 +180,7 @@ int para_init_misc_legacy(char* file_name, configure** cur, configure** def, cJS
     }
     cJSON_Print_safe(tree);
     *range = tree;
-    PARA_LOG(PARA_INFO, "enter misc version:%d", para::json_int(ver_item));
+    PARA_LOG(PARA_INFO, "enter misc version:%d\n", para::json_int(ver_item));
     if (newer_layout()) {
         if (parse_conf(*def, "misc.conf", true) != 0)
             return -1;

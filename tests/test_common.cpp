@@ -15,7 +15,7 @@ TEST(Trace, LevelFilterPrefixAndLineFeed)
 {
     test::LogCapture log(6);
     const int line = __LINE__ + 1;
-    PARA_LOG(PARA_INFO, "value %d", 5);
+    PARA_LOG(PARA_INFO, "value %d\n", 5);
     PARA_LOG(PARA_DETAIL, "hidden");
     PARA_LOG(PARA_ERR, "already ends\n");
     auto lines = log.lines();

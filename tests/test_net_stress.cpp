@@ -368,10 +368,12 @@ TEST_F(Stress, LastAcceptedValueOfEveryMemberIsSaved)
     bool unreadable = false;
     for (auto [json, name] : {std::pair{&files.video, "video"}, {&files.audio, "audio"},
                               {&files.af, "af"}, {&files.isp, "isp"}}) {
-        *json = para::load_json_file((dir.rw() + "/" + name + "_cur.json").c_str(), &unreadable);
+        *json = para::load_json_file(__func__, (dir.rw() + "/" + name + "_cur.json").c_str(),
+                                     &unreadable, false);
         EXPECT_TRUE(*json) << name;
     }
-    files.odm = para::load_json_file((dir.rw() + "/persist/odm.json").c_str(), &unreadable);
+    files.odm =
+        para::load_json_file(__func__, (dir.rw() + "/persist/odm.json").c_str(), &unreadable, false);
     files.misc = configure_init();
     files.netport = configure_init();
     ASSERT_EQ(configure_parse(files.misc, nullptr, (dir.rw() + "/misc.conf").c_str()), 0);

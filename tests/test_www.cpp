@@ -136,7 +136,7 @@ TEST(Www, FormPairWalk)
     EXPECT_EQ(modules_of(web_set("a=1&b=2&")), R"({"m":{"a":1,"b":2}})");
     EXPECT_EQ(modules_of(web_set("a=1&b")), R"({"m":{"a":1}})");
     EXPECT_EQ(modules_of(web_set("a=1&b&c=2")), R"({"m":{"a":1,"bc":2}})");
-    EXPECT_EQ(modules_of(web_set("a=1&a=5")), R"({"m":{"a":5}})");
+    EXPECT_EQ(modules_of(web_set("a=1&a=5")), R"({"m":{"a":1,"a":5}})");
     EXPECT_EQ(modules_of(web_set("zz=1&a=3")), R"({"m":{"a":3}})");
 
     auto none = convert(R"({"msg_type":"set","msg_name":"p","data":"ab"})");

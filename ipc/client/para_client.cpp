@@ -42,8 +42,12 @@ struct ShareView {
     void* base;
     size_t len;
     bool published;
+    dev_t dev; /* the object mapped, to notice a re-publish under the same name */
+    ino_t ino;
 };
 ShareView g_shareMapList[PARA_SHARE_MODULES];
+/* Guards the views: a re-publish replaces one while host threads read maps. */
+std::mutex share_mutex;
 
 char share_prefix[32] = "/para_share_";
 
@@ -81,10 +85,10 @@ int share_number(const char* mod, const char* member, int chn, int val)
     return 0;
 }
 
-int share_text(const char* mod, const char* member, int chn, const char* str)
+int share_text(const char* fn, const char* mod, const char* member, int chn, const char* str)
 {
     if (!str) {
-        PARA_LOG(PARA_ERR, "no text for %s.%s, nothing sent", mod, member);
+        PARA_LOG_FN(PARA_ERR, fn, "no text for %s.%s, nothing sent\n", mod, member);
         return 0;
     }
     st_data d = new_record(mod, member, chn, 1);
@@ -93,11 +97,11 @@ int share_text(const char* mod, const char* member, int chn, const char* str)
     return 0;
 }
 
-bool valid_mod(int mod)
+bool valid_mod(const char* fn, int mod)
 {
     if (mod >= 0 && mod < PARA_SHARE_MODULES)
         return true;
-    PARA_LOG(PARA_INFO, "ERROR: This mod is not exist!");
+    PARA_LOG_FN(PARA_INFO, fn, "ERROR: This mod is not exist!\n");
     return false;
 }
 
@@ -109,7 +113,7 @@ bool share_name(char (&out)[64], int mod)
 
 /* Maps an object the main application created; {} when there is none or
  * it is too small to hold a header. */
-ShareView open_share(int mod)
+ShareView open_share(const char* fn, int mod)
 {
     char name[64];
     if (!share_name(name, mod))
@@ -123,10 +127,38 @@ ShareView open_share(int mod)
         base = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (base == MAP_FAILED) {
-        PARA_LOG(PARA_ERR, "cannot map %s", name);
+        PARA_LOG_FN(PARA_ERR, fn, "cannot map %s\n", name);
         return {};
     }
-    return {base, static_cast<size_t>(st.st_size), false};
+    return {base, static_cast<size_t>(st.st_size), false, st.st_dev, st.st_ino};
+}
+
+/* True when the name still stands for the object the view maps (or there
+ * is no object under the name at all: nothing newer to map). */
+bool same_object(int mod, const ShareView& view)
+{
+    char name[64];
+    if (!share_name(name, mod))
+        return true;
+    int fd = shm_open(name, O_RDONLY, 0);
+    if (fd < 0)
+        return true;
+    struct stat st{};
+    bool same = fstat(fd, &st) != 0 || (st.st_dev == view.dev && st.st_ino == view.ino);
+    close(fd);
+    return same;
+}
+
+/* A client maps what the main application published. When the application
+ * published again (a new object under the same name), map the new one.
+ * The old mapping stays: pointers handed out before may still be read. */
+void refresh_share(const char* fn, int mod)
+{
+    ShareView& view = g_shareMapList[mod];
+    if (view.published || (view.base && same_object(mod, view)))
+        return;
+    if (ShareView fresh = open_share(fn, mod); fresh.base)
+        view = fresh;
 }
 
 dov_share_head_s* head_of(int mod)
@@ -165,7 +197,7 @@ extern "C" {
     }                                                                                      \
     int para_set_share_##mod##_##member##_string(int chn, const char* str)                 \
     {                                                                                      \
-        return share_text(#mod, #member, chn, str);                                        \
+        return share_text(__func__, #mod, #member, chn, str);                                   \
     }
 PARA_SHARE_MEMBERS(PARA_SHARE_DEFINE)
 #undef PARA_SHARE_DEFINE
@@ -186,15 +218,17 @@ int para_client_init(void)
 
 int para_share_register(int mod)
 {
-    if (!valid_mod(mod))
+    if (!valid_mod(__func__, mod))
         return -1;
-    if (!g_shareMapList[mod].base)
-        g_shareMapList[mod] = open_share(mod);
-    PARA_LOG(PARA_INFO, "video ptr = %p", g_shareMapList[mod].base);
-    dov_share_head_s* head = head_of(mod);
-    if (!head || __atomic_load_n(&head->flag, __ATOMIC_ACQUIRE) != 1) {
-        PARA_LOG(PARA_INFO, "ERROR: main program don't register this share module");
-        return -1;
+    {
+        std::lock_guard<std::mutex> lk(share_mutex);
+        refresh_share(__func__, mod);
+        PARA_LOG(PARA_INFO, "video ptr = %p\n", g_shareMapList[mod].base);
+        dov_share_head_s* head = head_of(mod);
+        if (!head || __atomic_load_n(&head->flag, __ATOMIC_ACQUIRE) != 1) {
+            PARA_LOG(PARA_INFO, "ERROR: main program don't register this share module\n");
+            return -1;
+        }
     }
     if (!g_isSocketReady) {
         Send_Initial();
@@ -205,9 +239,15 @@ int para_share_register(int mod)
 
 void* para_get_share_map(int mod, int mapIdx)
 {
-    if (!valid_mod(mod))
+    if (!valid_mod(__func__, mod))
         return nullptr;
+    std::lock_guard<std::mutex> lk(share_mutex);
     dov_share_head_s* head = head_of(mod);
+    // The application clears the flag before it takes an object away.
+    if (head && __atomic_load_n(&head->flag, __ATOMIC_ACQUIRE) != 1) {
+        refresh_share(__func__, mod);
+        head = head_of(mod);
+    }
     if (!head)
         return nullptr;
     const int num = head->num;
@@ -217,7 +257,7 @@ void* para_get_share_map(int mod, int mapIdx)
     const size_t end = sizeof(dov_share_head_s) + static_cast<size_t>(size < 0 ? 0 : size) *
                                                       static_cast<size_t>(mapIdx < 0 ? 0 : mapIdx);
     if (mapIdx < 1 || mapIdx > num || size < 0 || end > g_shareMapList[mod].len) {
-        PARA_LOG(PARA_INFO, "ERROR: This share map is not exist!");
+        PARA_LOG(PARA_INFO, "ERROR: This share map is not exist!\n");
         return nullptr;
     }
     return static_cast<char*>(g_shareMapList[mod].base) + sizeof(dov_share_head_s) +
@@ -226,10 +266,11 @@ void* para_get_share_map(int mod, int mapIdx)
 
 void* para_share_publish(int mod, int num, int size)
 {
-    if (!valid_mod(mod))
+    if (!valid_mod(__func__, mod))
         return nullptr;
+    std::lock_guard<std::mutex> lk(share_mutex);
     if (num < 1 || size < 1 || static_cast<int64_t>(num) * size > INT32_MAX - 64) {
-        PARA_LOG(PARA_ERR, "share module %d: bad geometry %d x %d", mod, num, size);
+        PARA_LOG(PARA_ERR, "share module %d: bad geometry %d x %d\n", mod, num, size);
         return nullptr;
     }
     const size_t len = sizeof(dov_share_head_s) + static_cast<size_t>(num) * static_cast<size_t>(size);
@@ -238,15 +279,18 @@ void* para_share_publish(int mod, int num, int size)
         dov_share_head_s* head = head_of(mod);
         if (view.published && head->num == num && head->size == size)
             return view.base;
-        PARA_LOG(PARA_ERR, "share module %d is already mapped here with another layout", mod);
+        PARA_LOG(PARA_ERR, "share module %d is already mapped here with another layout\n", mod);
         return nullptr;
     }
     char name[64];
     if (!share_name(name, mod))
         return nullptr;
     int fd = shm_open(name, O_RDWR | O_CREAT, 0666);
+    struct stat st{};
+    if (fd >= 0 && fstat(fd, &st) != 0)
+        st = {};
     if (fd < 0) {
-        PARA_LOG(PARA_ERR, "shm_open %s failed", name);
+        PARA_LOG(PARA_ERR, "shm_open %s failed\n", name);
         return nullptr;
     }
     void* base = MAP_FAILED;
@@ -254,7 +298,7 @@ void* para_share_publish(int mod, int num, int size)
         base = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (base == MAP_FAILED) {
-        PARA_LOG(PARA_ERR, "cannot size or map %s", name);
+        PARA_LOG(PARA_ERR, "cannot size or map %s\n", name);
         return nullptr;
     }
     /* Flag last: a client that sees 1 also sees the geometry. */
@@ -264,15 +308,16 @@ void* para_share_publish(int mod, int num, int size)
     head->num = num;
     head->size = size;
     __atomic_store_n(&head->flag, 1, __ATOMIC_RELEASE);
-    view = {base, len, true};
-    PARA_LOG(PARA_INFO, "published %s: %d maps of %d bytes", name, num, size);
+    view = {base, len, true, st.st_dev, st.st_ino};
+    PARA_LOG(PARA_INFO, "published %s: %d maps of %d bytes\n", name, num, size);
     return base;
 }
 
 int para_share_unpublish(int mod)
 {
-    if (!valid_mod(mod))
+    if (!valid_mod(__func__, mod))
         return -1;
+    std::lock_guard<std::mutex> lk(share_mutex);
     ShareView& view = g_shareMapList[mod];
     if (!view.published)
         return -1;

@@ -45,11 +45,11 @@ void init_registry_head()
 
 void SendBuf2Client(int fd, struct sockaddr_in socket_addr, const char* buf, unsigned int buflen)
 {
-    PARA_LOG(PARA_INFO, "send buf : %s,buflen:%d", buf ? buf : "", static_cast<int>(buflen));
+    PARA_LOG(PARA_INFO, "send buf : %s,buflen:%d\n", buf ? buf : "", static_cast<int>(buflen));
     if (buflen == 0 || !buf)
         return;
     if (sendto(fd, buf, buflen, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&socket_addr), sizeof socket_addr) < 0)
-        PARA_LOG(PARA_ERR, "reply of %u bytes not sent: %s", buflen, strerror(errno));
+        PARA_LOG(PARA_ERR, "reply of %u bytes not sent: %s\n", buflen, strerror(errno));
 }
 
 void send_text(para_server_message_info* info, char* text)
@@ -80,12 +80,12 @@ const char* string_of(const cJSON* obj, const char* key)
     return cJSON_IsString(it) ? it->valuestring : nullptr;
 }
 
-void log_tree_at_detail(const char* what, const cJSON* json)
+void log_tree_at_detail(const char* fn, const char* what, const cJSON* json)
 {
     if (para::log_level() != PARA_DETAIL || !json)
         return;
     para::CharPtr text(cJSON_Print(json));
-    PARA_LOG(PARA_DETAIL, "%s%s", what, text ? text.get() : "(unprintable)");
+    PARA_LOG_FN(PARA_DETAIL, fn, "%s%s\n", what, text ? text.get() : "(unprintable)");
 }
 
 bool is_prefix_of(const char* s, const char* word)
@@ -132,7 +132,7 @@ int para_server_init(void)
     param_base_register_init();
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        PARA_LOG(PARA_ERR, "socket error: %s", strerror(errno));
+        PARA_LOG(PARA_ERR, "socket error: %s\n", strerror(errno));
         return -1;
     }
     sockaddr_in addr{};
@@ -141,26 +141,26 @@ int para_server_init(void)
     addr.sin_addr.s_addr = bind_addr;
     int ret = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     if (ret < 0) {
-        PARA_LOG(PARA_ERR, "bind error ret = %d", ret);
+        PARA_LOG(PARA_ERR, "bind error ret = %d\n", ret);
         close(fd);
         return -1;
     }
-    PARA_LOG(PARA_INFO, "para_server sock:%d", fd);
+    PARA_LOG(PARA_INFO, "para_server sock:%d\n", fd);
     bound_fd = fd;
     return fd;
 }
 
 extern "C" int register_param_command(char* customer_name, param_handle_t* param_list, int array_size)
 {
-    PARA_LOG(PARA_INFO, "enter");
+    PARA_LOG(PARA_INFO, "enter\n");
     if (!customer_name || !param_list || !param_list[0].content || !param_list[0].pfunc || array_size <= 0) {
-        PARA_LOG(PARA_INFO, "fail");
+        PARA_LOG(PARA_INFO, "fail\n");
         return -1;
     }
     param_base_register_init();
     auto* node = static_cast<param_lists_s*>(calloc(1, sizeof(param_lists_s)));
     if (!node) {
-        PARA_LOG(PARA_INFO, "fail");
+        PARA_LOG(PARA_INFO, "fail\n");
         return -1;
     }
     snprintf(node->customer_name, sizeof node->customer_name, "%s", customer_name);
@@ -174,13 +174,13 @@ extern "C" int register_param_command(char* customer_name, param_handle_t* param
         head->prev->next = &node->list;
         head->prev = &node->list;
     }
-    PARA_LOG(PARA_INFO, "leave");
+    PARA_LOG(PARA_INFO, "leave\n");
     return 0;
 }
 
 int param_base_json_dispose(para_server_message_info* info, cJSON* jsonin, cJSON** jsonout, int type)
 {
-    PARA_LOG(PARA_INFO, "enter");
+    PARA_LOG(PARA_INFO, "enter\n");
     const char* name = string_of(jsonin, "msg_name");
     if (!name)
         return -1;
@@ -202,15 +202,15 @@ int param_base_json_dispose(para_server_message_info* info, cJSON* jsonin, cJSON
         }
     }
     if (!found) {
-        PARA_LOG(PARA_INFO, "leave");
+        PARA_LOG(PARA_INFO, "leave\n");
         return -1;
     }
-    PARA_LOG(PARA_INFO, "found, msg_name:%s, content: %s", name, found->content);
+    PARA_LOG(PARA_INFO, "found, msg_name:%s, content: %s\n", name, found->content);
     if (found->pfunc(type, info, jsonout) == 0) {
-        PARA_LOG(PARA_INFO, "ret == 0");
+        PARA_LOG(PARA_INFO, "ret == 0\n");
         return 0;
     }
-    PARA_LOG(PARA_INFO, "ret == -1");
+    PARA_LOG(PARA_INFO, "ret == -1\n");
     return -1;
 }
 
@@ -233,10 +233,10 @@ int Recive_message_Process_gset(para_server_message_info* info, cJSON* json, int
             SendBuf2Client(info->fd, info->addressRec, err, static_cast<unsigned>(strlen(err)));
     }
     if (!request) {
-        PARA_LOG(PARA_INFO, "ERROR : json null");
+        PARA_LOG(PARA_INFO, "ERROR : json null\n");
         return -1;
     }
-    log_tree_at_detail("", request.get());
+    log_tree_at_detail(__func__, "", request.get());
 
     para::JsonPtr reply(cJSON_CreateObject());
     for (cJSON* item = request->child; item; item = item->next) {
@@ -246,7 +246,7 @@ int Recive_message_Process_gset(para_server_message_info* info, cJSON* json, int
         if (!row)
             continue;
         if (type == 0) {
-            PARA_LOG(PARA_INFO, "get module = %s", row->parse_name);
+            PARA_LOG(PARA_INFO, "get module = %s\n", row->parse_name);
             if (!row->get_buf)
                 continue;
             void* out = nullptr;
@@ -269,7 +269,7 @@ int Recive_message_Process_gset(para_server_message_info* info, cJSON* json, int
     if (proto) {
         if (para::log_level() == PARA_DETAIL) {
             para::CharPtr t(cJSON_Print(reply.get()));
-            PARA_LOG(PARA_DETAIL, "reverse_convert:%s", t ? t.get() : "");
+            PARA_LOG(PARA_DETAIL, "reverse_convert:%s\n", t ? t.get() : "");
         }
         text = proto->reverse_convert ? proto->reverse_convert(reply.get()) : nullptr;
     } else {
@@ -287,7 +287,7 @@ int Recive_message_Process_post(para_server_message_info* info, cJSON* json, int
     const char* name = string_of(json, "msg_name");
     const char* send = string_of(json, "msg_send");
     if (module_para_handle_s* row = find_row(name)) {
-        PARA_LOG(PARA_INFO, "get module = %s", row->parse_name);
+        PARA_LOG(PARA_INFO, "get module = %s\n", row->parse_name);
         if (send && is_prefix_of(send, "set")) {
             cJSON* data = cJSON_GetObjectItem(json, "data");
             if (row->set_buf && data)
@@ -310,7 +310,7 @@ int Recive_message_Process_api(para_server_message_info* info, cJSON* json, int 
     para::JsonPtr request(json);
     const char* name = string_of(json, "msg_name");
     if (!name) {
-        PARA_LOG(PARA_INFO, "msg_name is NULL");
+        PARA_LOG(PARA_INFO, "msg_name is NULL\n");
         SendBuf2Client(info->fd, info->addressRec, kInvalidApi, sizeof kInvalidApi - 1);
         return -1;
     }
@@ -318,7 +318,7 @@ int Recive_message_Process_api(para_server_message_info* info, cJSON* json, int 
     int ret = param_base_json_dispose(info, json, &out, type);
     para::JsonPtr out_owner(out);
     if (ret == -1) {
-        PARA_LOG(PARA_INFO, "not found api command: %s", name);
+        PARA_LOG(PARA_INFO, "not found api command: %s\n", name);
         SendBuf2Client(info->fd, info->addressRec, kInvalidApi, sizeof kInvalidApi - 1);
     } else if (out) {
         send_text(info, para::print_json(out));
@@ -332,13 +332,13 @@ int para_server_message_Process(para_server_message_info* info)
         return 0;
     cJSON* json = cJSON_Parse(info->buffer);
     if (!json) {
-        PARA_LOG(PARA_INFO, "cJSON_Parse err,Rec buffer: %s", info->buffer);
+        PARA_LOG(PARA_INFO, "cJSON_Parse err,Rec buffer: %s\n", info->buffer);
         return 0;
     }
-    PARA_LOG(PARA_INFO, "cJSON_Parse ,Rec buffer: %s", info->buffer);
+    PARA_LOG(PARA_INFO, "cJSON_Parse ,Rec buffer: %s\n", info->buffer);
     const char* mt = string_of(json, "msg_type");
     if (!mt) {
-        PARA_LOG(PARA_INFO, "get msg_type err");
+        PARA_LOG(PARA_INFO, "get msg_type err\n");
         cJSON_Delete(json);
         return 0;
     }

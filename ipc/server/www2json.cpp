@@ -83,31 +83,29 @@ bool take_token(char (&out)[WWW_FIELD_MAX], std::string_view token)
     return true;
 }
 
-void store_value(cJSON* req, const json_char_p& hit, const char* mark, const char* value)
+void store_value(const char* fn, cJSON* req, const json_char_p& hit, const char* mark, const char* value)
 {
     cJSON* module = cJSON_GetObjectItemCaseSensitive(req, hit.item_name);
     if (!module) {
         module = cJSON_CreateObject();
         cJSON_AddItemToObject(req, hit.item_name, module);
     } else if (!cJSON_IsObject(module)) {
-        PARA_LOG(PARA_ERR, "mapping entry %s clashes with a request key", hit.item_name);
+        PARA_LOG_FN(PARA_ERR, fn, "mapping entry %s clashes with a request key\n", hit.item_name);
         return;
     }
     cJSON* item = para::same(hit.is_string, "S") ? cJSON_CreateString(value)
                                                  : cJSON_CreateNumber(form_number(value, mark));
-    /* A field given twice: the later value wins, as the user last typed. */
-    if (cJSON_GetObjectItemCaseSensitive(module, hit.json_name))
-        cJSON_ReplaceItemInObjectCaseSensitive(module, hit.json_name, item);
-    else
-        cJSON_AddItemToObject(module, hit.json_name, item);
+    /* A field given twice adds a second member: each value reaches the
+     * module's write in the order typed. */
+    cJSON_AddItemToObject(module, hit.json_name, item);
 }
 
-void add_form_pair(cJSON* req, std::string_view field, std::string_view value)
+void add_form_pair(const char* fn, cJSON* req, std::string_view field, std::string_view value)
 {
     char name[WWW_FIELD_MAX];
     char text[WWW_FIELD_MAX];
     if (!take_token(name, field) || !take_token(text, value)) {
-        PARA_LOG(PARA_ERR, "form pair too long, ignored: %.*s",
+        PARA_LOG_FN(PARA_ERR, fn, "form pair too long, ignored: %.*s\n",
                  static_cast<int>(std::min<size_t>(field.size(), WWW_FIELD_MAX - 1)), field.data());
         return;
     }
@@ -115,7 +113,7 @@ void add_form_pair(cJSON* req, std::string_view field, std::string_view value)
     json_char_p hit = get_json_name(name, &mark, 0);
     const bool greedy = is_mark(mark, "Greedy");
     while (hit.item_name) {
-        store_value(req, hit, mark, text);
+        store_value(fn, req, hit, mark, text);
         if (!greedy)
             break;
         hit = get_json_name(name, &mark, 1);
@@ -161,7 +159,7 @@ namespace {
 
 /* One pair of a read reply, cut to WWW_PAIR_MAX - 1 characters; 0 when the
  * member's type has no form. */
-int format_pair(char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* member,
+int format_pair(const char* fn, char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* member,
                 const char* mark, bool first)
 {
     char number[48];
@@ -187,7 +185,7 @@ int format_pair(char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* membe
             para::format_decimal(v, digits);
         }
     } else {
-        PARA_LOG(PARA_INFO, "%s has no form value", field);
+        PARA_LOG_FN(PARA_INFO, fn, "%s has no form value\n", field);
         return 0;
     }
     size_t n = 0;
@@ -211,7 +209,7 @@ struct json_char_p get_json_name(char* http_name, char** sub_describe, int greed
 {
     json_char_p found{};
     cJSON* start = greedy ? (child ? child->next : nullptr) : (para_config ? para_config->child : nullptr);
-    PARA_LOG(PARA_INFO, "search %s in %s", http_name ? http_name : "",
+    PARA_LOG(PARA_INFO, "search %s in %s\n", http_name ? http_name : "(null)",
              start && start->string ? start->string : "null");
     child = nullptr;
     if (!http_name)
@@ -236,8 +234,8 @@ struct json_char_p get_json_name(char* http_name, char** sub_describe, int greed
 namespace {
 
 /* get_http_name inside an entry already looked up (entry may be null). */
-char* http_name_in(cJSON* entry, const char* item_name, const char* json_name, char** value_type,
-                   char** sub_describe)
+char* http_name_in(const char* fn, cJSON* entry, const char* item_name, const char* json_name,
+                   char** value_type, char** sub_describe)
 {
     if (cJSON_IsObject(entry) && json_name) {
         for (cJSON* m = entry->child; m; m = m->next) {
@@ -253,7 +251,8 @@ char* http_name_in(cJSON* entry, const char* item_name, const char* json_name, c
             return field;
         }
     }
-    PARA_LOG(PARA_INFO, "can not find %s.%s", item_name ? item_name : "", json_name ? json_name : "");
+    PARA_LOG_FN(PARA_INFO, fn, "can not find %s.%s\n", item_name ? item_name : "(null)",
+                json_name ? json_name : "(null)");
     return nullptr;
 }
 
@@ -262,7 +261,7 @@ char* http_name_in(cJSON* entry, const char* item_name, const char* json_name, c
 char* get_http_name(char* item_name, char* json_name, char** value_type, char** sub_describe)
 {
     cJSON* entry = item_name ? cJSON_GetObjectItem(para_config, item_name) : nullptr;
-    return http_name_in(entry, item_name, json_name, value_type, sub_describe);
+    return http_name_in(__func__, entry, item_name, json_name, value_type, sub_describe);
 }
 
 cJSON* get_http2json(cJSON* jsonIn)
@@ -273,7 +272,7 @@ cJSON* get_http2json(cJSON* jsonIn)
     para::JsonPtr req(new_request("get", name));
     cJSON* page = cJSON_GetObjectItem(para_config, name);
     if (!cJSON_IsArray(page)) {
-        PARA_LOG(PARA_INFO, "could not find %s in json", name);
+        PARA_LOG(PARA_INFO, "could not find %s in json\n", name);
         return nullptr;
     }
     cJSON* module;
@@ -310,7 +309,7 @@ cJSON* set_http2json(cJSON* jsonIn)
         const size_t eq = text.find('=', pos);
         const size_t amp = text.find('&', eq + 1);
         const size_t value_len = amp == std::string_view::npos ? std::string_view::npos : amp - eq - 1;
-        add_form_pair(req.get(), text.substr(pos, eq - pos), text.substr(eq + 1, value_len));
+        add_form_pair(__func__, req.get(), text.substr(pos, eq - pos), text.substr(eq + 1, value_len));
         if (amp == std::string_view::npos)
             break;
         pos = amp + 1;
@@ -336,9 +335,10 @@ char* get_json2http(cJSON* json)
         for (cJSON* m = module->child; m; m = m->next) {
             char* kind = nullptr;
             char* mark = nullptr;
-            const char* field = http_name_in(entry, module->string, m->string, &kind, &mark);
+            const char* field = http_name_in("get_http_name", entry, module->string, m->string, &kind,
+                                             &mark);
             char pair[WWW_PAIR_MAX];
-            const int n = field ? format_pair(pair, field, m, mark, len == 0) : 0;
+            const int n = field ? format_pair(__func__, pair, field, m, mark, len == 0) : 0;
             if (n == 0)
                 continue;
             if (len + WWW_PAIR_MAX > size - 1) {
@@ -346,7 +346,7 @@ char* get_json2http(cJSON* json)
                 char* bigger = grown <= WWW_TEXT_LIMIT ? static_cast<char*>(std::realloc(text.get(), grown))
                                                        : nullptr;
                 if (!bigger) {
-                    PARA_LOG(PARA_ERR, "form text cannot grow past %zu bytes", size);
+                    PARA_LOG(PARA_ERR, "form text cannot grow past %zu bytes\n", size);
                     return nullptr;
                 }
                 (void)text.release();
