@@ -23,6 +23,9 @@ cJSON* misc_range[kJsonSlots];
 configure* conf_cur[kJsonSlots];
 configure* conf_def[kJsonSlots];
 para::ChangeState misc_item_change[kJsonSlots];
+/* Set once the module's files loaded: a store that did not load holds no
+ * settings and must never be written over the good file. */
+bool misc_loaded[kJsonSlots];
 
 int check_conf_list(const char* name)
 {
@@ -135,6 +138,7 @@ void clear_slot(int s)
     conf_cur[s] = conf_def[s] = nullptr;
     misc_range[s] = nullptr;
     misc_item_change[s].take();
+    misc_loaded[s] = false;
 }
 
 } // namespace
@@ -309,9 +313,12 @@ int para_init_misc(char* parse_name)
     clear_slot(s);
     para::copy_slot_name(conf_list[s].file_name, parse_name);
     if (para::same(parse_name, "misc")) {
-        para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]);
+        misc_loaded[s] =
+            para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]) == 0;
     } else if (!load_module(s, conf_list[s].file_name)) {
         return 0;
+    } else {
+        misc_loaded[s] = true;
     }
     log_current(s);
     ++init_flag;
@@ -334,13 +341,21 @@ int para_save_misc(char* parse_name)
     // The older layout of "misc" writes without a file lock.
     std::lock_guard<std::mutex> saving(para::save_mutex);
     misc_item_change[s].take();
-    if (para::same(parse_name, "misc"))
-        return para_save_misc_legacy(parse_name, conf_cur[s]);
-    char path[PARA_PATH_MAX];
-    if (!conf_cur[s] ||
-        !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
+    if (!misc_loaded[s]) {
+        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
         return 0;
-    return para::write_conf_file(path, conf_cur[s], true);
+    }
+    int r;
+    char path[PARA_PATH_MAX];
+    if (para::same(parse_name, "misc"))
+        r = para::save_misc_legacy(parse_name, conf_cur[s], __func__);
+    else if (!conf_cur[s] ||
+             !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
+        return 0;
+    else
+        r = para::write_conf_file(path, conf_cur[s], true, __func__);
+    misc_item_change[s].saved(r, kSaveDelayMs);
+    return para::module_result(r);
 }
 
 int para_save_misc_conf_2_buf(const char* file_name, char* buf, int size)

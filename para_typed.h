@@ -62,10 +62,10 @@
     void _parse_##tag##_def_json(cJSON* j) { para::typed::load_all(mod, para::typed::kDefault, j); } \
     void _parse_##tag##_cur_json(cJSON* j) { para::typed::load_all(mod, para::typed::kCurrent, j); } \
     int para_need_save_##tag(char*) { return para::typed::need_save(mod); }                       \
-    int para_save_##tag(char*) { return para::typed::save(mod); }                                 \
+    int para_save_##tag(char*) { return para::typed::save(mod, __func__); }                       \
     void tag##_page(void) { para::typed::dump(mod); }
 #define PARA_TYPED_DELAY_OPS(tag, mod, delay)                                              \
-    int save_cur_##tag##_param_delay(int msec) { return para::typed::save_delay(mod, msec); } \
+    int save_cur_##tag##_param_delay(int msec) { return para::typed::save_delay(mod, msec, __func__); } \
     void para_set_##tag##_save_param_time(int ms) { delay.store(ms); }
 
 namespace para::typed {
@@ -195,7 +195,7 @@ inline int set_locked(const Module& m, const Member& mb, int s, int val)
     // The flag is published after the value, so a save that sees the flag
     // also sees the value.
     m.st->change.mark();
-    stamp_to_timespec(m.st->change.stamp_ms.load(std::memory_order_relaxed), m.stamp);
+    stamp_to_timespec(m.st->change.stamp_ns.load(std::memory_order_relaxed), m.stamp);
     return 1;
 }
 
@@ -339,7 +339,7 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*))
 
     bool applied = false;
     if (cur[0] && access(cur, F_OK) == 0) {
-        json = load_json_file(cur, &unreadable, "\n\n");
+        json = load_json_file(cur, &unreadable, "\n\n", true);
         if (json) {
             load_all(m, kCurrent, json.get());
             applied = true;
@@ -510,14 +510,20 @@ inline bool set_request(const Module& m, const cJSON* item, int s)
 
 /* ---- saving ----------------------------------------------------------- */
 
+inline int delay_of(const Module& m)
+{
+    return m.delay_ms ? m.delay_ms->load() : 2000;
+}
+
 inline int need_save(const Module& m)
 {
-    return m.st->change.due(m.delay_ms ? m.delay_ms->load() : 2000) ? 1 : 0;
+    return m.st->change.due(delay_of(m)) ? 1 : 0;
 }
 
 /* Writes the current file. The flag is cleared before the snapshot, so a
- * change that lands while writing is saved by the next sweep. */
-inline int save(const Module& m)
+ * change that lands while writing is saved by the next sweep; a failed
+ * write leaves the change pending for a later try. */
+inline int save(const Module& m, const char* func)
 {
     std::lock_guard<std::mutex> saving(save_mutex);
     m.st->change.take();
@@ -529,15 +535,17 @@ inline int save(const Module& m)
     char path[PARA_PATH_MAX];
     if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
         return 0;
-    return write_json_file(path, tree.get());
+    int r = write_json_file(path, tree.get(), func);
+    m.st->change.saved(r, delay_of(m));
+    return module_result(r);
 }
 
-inline int save_delay(const Module& m, int msec)
+inline int save_delay(const Module& m, int msec, const char* func)
 {
     if (msec < 0)
-        msec = m.delay_ms ? m.delay_ms->load() : 2000;
+        msec = delay_of(m);
     if (m.st->change.due(msec))
-        save(m);
+        save(m, func);
     return 0;
 }
 
