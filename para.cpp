@@ -446,20 +446,6 @@ bool read_all(int fd, std::string& out, const char* path)
     }
 }
 
-bool write_all(int fd, const std::string& text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 /* The new content, or false when a line or the result breaks the limits. */
 bool replace_lines(const std::string& old, std::string_view key, std::string_view item,
                    std::string& out, const char* path)
@@ -491,33 +477,6 @@ bool replace_lines(const std::string& old, std::string_view key, std::string_vie
     return true;
 }
 
-/* Writes text beside target and renames it into place, so a crash leaves
- * either the old or the new file, never a truncated one. */
-bool replace_file(const std::string& target, const struct stat& st, const std::string& text)
-{
-    std::string tmp = target + ".XXXXXX";
-    Fd out{mkostemp(tmp.data(), O_CLOEXEC)};
-    if (out.fd < 0) {
-        PARA_LOG(PARA_ERR, "temporary file beside %s: %s\n", target.c_str(), strerror(errno));
-        return false;
-    }
-    if (fchown(out.fd, st.st_uid, st.st_gid) != 0) {
-        /* Only root may hand the file to another owner; the mode still holds. */
-    }
-    bool ok = fchmod(out.fd, st.st_mode & 07777) == 0 && write_all(out.fd, text) &&
-              fsync(out.fd) == 0 && rename(tmp.c_str(), target.c_str()) == 0;
-    if (!ok) {
-        PARA_LOG(PARA_ERR, "rewriting %s failed: %s\n", target.c_str(), strerror(errno));
-        unlink(tmp.c_str());
-        return false;
-    }
-    std::string dir = target.substr(0, target.rfind('/') + 1);
-    Fd d{open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY)};
-    if (d.fd >= 0)
-        fsync(d.fd);
-    return true;
-}
-
 /* Opens and locks the file the path names now. A cooperating writer may
  * have renamed a new file into place while we waited for the lock on the
  * old one: then the lock guards nothing, so start again. Each new round
@@ -525,7 +484,7 @@ bool replace_file(const std::string& target, const struct stat& st, const std::s
 bool open_locked(const std::string& target, Fd& fd, struct stat& st)
 {
     for (;;) {
-        Fd f{open(target.c_str(), O_RDWR | O_CLOEXEC)};
+        Fd f{open(target.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)};
         if (f.fd < 0) {
             PARA_LOG(PARA_ERR, "open %s: %s\n", target.c_str(), strerror(errno));
             return false;
@@ -612,10 +571,17 @@ int update_conf(char* path, char* keyword, char* item)
     struct stat st{};
     if (!open_locked(target, fd, st))
         return -1;
+    if (!S_ISREG(st.st_mode)) {
+        PARA_LOG(PARA_ERR, "%s is not a regular file, not changed\n", path);
+        return -1;
+    }
     std::string old, updated;
     if (!read_all(fd.fd, old, path) || !replace_lines(old, keyword, item, updated, path))
         return -1;
-    return replace_file(target, st, updated) ? 0 : -1;
+    return para::durable_write(__func__, target.c_str(), updated.data(), updated.size(), true,
+                               fd.fd) == 0
+               ? 0
+               : -1;
 }
 
 int update_line_conf(char* path, char* keyword, char* new_key_word_value)

@@ -131,59 +131,27 @@ void copy_slot_name(char (&dst)[kSlotNameSize], const char* name)
     dst[n] = '\0';
 }
 
-/* Store lines into f; the flush result, -1 when any write failed. */
-int write_store(FILE* f, configure* store)
+int write_conf_file(const char* path, configure* store, bool lock, const char* func)
 {
-    store->loop(store, loop_2_conf, f);
-    int r = std::fflush(f);
-    return std::ferror(f) ? -1 : r;
-}
-
-int write_conf_file(const char* path, configure* store, bool lock)
-{
-    if (lock) {
-        /* Writers in other processes cooperate through the lock on this very
-         * file, so it is rewritten in place; opened without truncation so
-         * nobody sees it emptied before the lock is ours. */
-        int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        FILE* f = fd < 0 ? nullptr : fdopen(fd, "wb");
-        if (!f) {
-            PARA_LOG(PARA_ERR, "open %s fail\n", path);
-            if (fd >= 0)
-                close(fd);
-            return 0;
-        }
-        flock(fd, LOCK_EX);
-        int r = ftruncate(fd, 0) == 0 && lseek(fd, 0, SEEK_SET) == 0 ? write_store(f, store) : -1;
-        flock(fd, LOCK_UN);
-        if (std::fclose(f) != 0)
-            r = -1;
-        /* The .conf save reports nothing to the sweep: say it here. */
-        if (r != 0)
-            PARA_LOG(PARA_ERR, "write %s fail: %s\n", path, strerror(errno));
-        return r;
-    }
-    /* Unlocked files go through a sibling file renamed into place: a crash
-     * mid-write leaves the previous file whole. */
-    char tmp[PARA_PATH_MAX + 8];
-    std::snprintf(tmp, sizeof tmp, "%s.tmp", path);
-    FILE* f = std::fopen(tmp, "wb");
+    /* The lines are gathered first, so the file is replaced in one step. */
+    char* text = nullptr;
+    size_t len = 0;
+    FILE* f = open_memstream(&text, &len);
     if (!f) {
-        PARA_LOG(PARA_ERR, "open %s fail\n", tmp);
-        return 0;
+        PARA_LOG_FN(PARA_ERR, func, "%s not written: %s\n", path, strerror(errno));
+        return -1;
     }
-    struct stat st{};
-    if (stat(path, &st) == 0)
-        fchmod(fileno(f), st.st_mode & 07777);
-    int r = write_store(f, store);
+    store->loop(store, loop_2_conf, f);
+    bool bad = std::ferror(f) != 0;
     std::fclose(f);
-    if (r == 0 && std::rename(tmp, path) != 0)
-        r = -1;
-    if (r != 0) {
-        PARA_LOG(PARA_ERR, "write %s fail\n", path);
-        unlink(tmp);
+    CharPtr owned(text);
+    if (bad || !text) {
+        PARA_LOG_FN(PARA_ERR, func, "%s not written: out of memory\n", path);
+        return -1;
     }
-    return r;
+    /* With lock, writers in other processes cooperate through the lock on
+     * this file: it is held while the file is replaced. */
+    return durable_write(func, path, text, len, lock);
 }
 
 int store_to_buf(const char* fn, const char* module, configure* store, char* buf, int size)
@@ -375,7 +343,9 @@ int para_save_conf(char* parse_name)
     char path[PARA_PATH_MAX];
     if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
         return 0;
-    para::write_conf_file(path, store, true);
+    /* The sweep hears nothing of a failure (logged by the writer); the
+     * change stays pending and is tried again. */
+    conf_list[s].change.saved(para::write_conf_file(path, store, true, __func__), kSaveDelayMs);
     return 0;
 }
 

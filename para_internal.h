@@ -23,6 +23,7 @@
     } while (0)
 #define PARA_LOG(level, fmt, ...) PARA_LOG_FN(level, __func__, fmt, ##__VA_ARGS__)
 
+
 namespace para {
 /* The host may change the level while the worker logs: read it whole. */
 inline int log_level()
@@ -57,8 +58,45 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
 
 /* Reads and parses a JSON file. Logs "Error before: [%s]" for fn on a parse
  * error, followed by an empty line when blank_line. *unreadable tells the two
- * failures apart. */
-JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line);
+ * failures apart. With keep_bad (current-value files), a file that exists but
+ * does not parse is first copied aside as <path>.bad, so the next save cannot
+ * erase it. */
+JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line,
+                       bool keep_bad = false);
+
+/* Copies the file at path to <path>.bad (the newest copy only), logged at
+ * level 3 under func's name. */
+void keep_bad_copy(const char* func, const char* path);
+
+/* Results of a durable write besides 0: nothing could be opened or
+ * created (the modules report that as 0, the file is simply skipped), or
+ * the writing itself failed (a flush error). Either leaves the old file. */
+constexpr int kNotOpened = -2;
+constexpr int kWriteFailed = -1;
+inline int module_result(int r)
+{
+    return r == kNotOpened ? 0 : r;
+}
+
+/* Replaces the content of path by len bytes of data so that a crash, a power
+ * cut or a failed write leaves either the old or the new content: a sibling
+ * temporary file is written, flushed and renamed over the target, then the
+ * directory is flushed. A symlink keeps pointing at its (replaced) target;
+ * the old mode and owner are kept. Where a rename cannot work (hard link,
+ * directory not writable, bind-mounted file) the file is rewritten in place
+ * under an exclusive flock. Anything but a regular file is refused. With
+ * lock, the target is held under an exclusive flock while it is replaced;
+ * held_fd is an already locked descriptor of the target (update_conf reads
+ * under the same lock). Failures are logged under func's name with the file
+ * and the cause. Returns 0, kNotOpened or kWriteFailed. */
+int durable_write(const char* func, const char* path, const void* data, size_t len,
+                  bool lock = false, int held_fd = -1);
+
+/* Test hook, not exported: counts the file-system calls of durable writes;
+ * call number at (1-based) is replaced by SIGKILL (mode 1) or fails with
+ * ENOSPC (mode 2). at 0 disarms. fs_calls() answers the count so far. */
+void durable_fault_arm(int at, int mode);
+int durable_fs_calls();
 
 /* Decimal text of v at the start of buf, terminated; returns its length. */
 int format_decimal(long long v, char (&buf)[24]);
@@ -73,10 +111,9 @@ int format_whole(double d, char (&buf)[24]);
  * cJSON_Print would fail. */
 char* print_json(const cJSON* json);
 
-/* Formatted print + one NUL byte, written with "wb". Returns the fflush
- * result (0 ok), or 0 without writing when the file cannot be opened.
- * Either failure is logged with its cause. */
-int write_json_file(const char* path, const cJSON* json);
+/* Formatted print + one NUL byte, written through durable_write (same
+ * results; logged under func's name with the file and the cause). */
+int write_json_file(const char* path, const cJSON* json, const char* func = "write_json_file");
 
 /* A module's save can come from the sweep and from the host at once. Held
  * from taking the change flag until the file is written, it keeps two
@@ -97,23 +134,35 @@ int name_lookup_num(const char* text, const char* const* names, int count);
 /* Whole-name match: index or -1. */
 int name_index_exact(const char* text, const char* const* names, int count);
 
-/* Change flag + time of a module's latest accepted change. The flag is
- * atomic because host threads set it while the worker's sweep reads it. */
+/* Change flag + monotonic time of a module's latest accepted change. The
+ * flag is atomic because host threads set it while the worker's sweep reads
+ * it. A change is due once it is delay old, or once the first unsaved change
+ * is ten delays old (a value changed more often than the delay must still
+ * reach storage). A failed save re-arms the flag with a back-off. */
 struct ChangeState {
     std::atomic<int> flag{0};
-    std::atomic<int64_t> stamp_ms{0};
+    std::atomic<int64_t> stamp_ns{0};
+    std::atomic<int64_t> first_ns{0};
+    std::atomic<int64_t> retry_ns{0};
+    std::atomic<int> backoff_ms{0};
 
     void mark();
-    /* Set and at least delay_ms old. */
+    /* Set and due as above (a pending retry: once its time has come). */
     bool due(int delay_ms) const;
     /* Clears the flag; true when it was set. */
     bool take() { return flag.exchange(0) != 0; }
-    /* Same as timespec for modules that export the time. */
-    static int64_t now_ms();
+    /* After a save: result 0 ends any back-off; else the change stays
+     * pending and is tried again after the delay, doubling up to 60 s. */
+    void saved(int result, int delay_ms);
+    /* CLOCK_MONOTONIC in ns (plus the tests' offset). */
+    static int64_t now_ns();
 };
 
-/* Copies the stamp into an exported timespec. */
-void stamp_to_timespec(int64_t ms, struct timespec* ts);
+/* Tests move the library's clock forward by this much. */
+extern std::atomic<int64_t> clock_offset_ns;
+
+/* Copies a stamp into an exported timespec. */
+void stamp_to_timespec(int64_t ns, struct timespec* ts);
 
 /* Exact-length comparison of a string with a literal / another string. */
 inline bool same(const char* a, std::string_view b)

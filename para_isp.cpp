@@ -124,7 +124,7 @@ using Lock = std::lock_guard<std::mutex>;
 void mark_change()
 {
     isp_change.mark();
-    para::stamp_to_timespec(isp_change.stamp_ms.load(), &isp_item_start_time);
+    para::stamp_to_timespec(isp_change.stamp_ns.load(), &isp_item_start_time);
 }
 
 int& field(dov_isp_param_s& rec, int m)
@@ -408,7 +408,7 @@ int para_init_isp(char* parse_name)
     }
 
     int parse_ok = 0;
-    if (para::JsonPtr cur = para::load_json_file(__func__, cur_path, nullptr, true)) {
+    if (para::JsonPtr cur = para::load_json_file(__func__, cur_path, nullptr, true, true)) {
         load_cur_file(cur.get());
         parse_ok = 1;
     }
@@ -502,7 +502,9 @@ int para_save_isp(char* parse_name)
     para::JsonPtr root(cJSON_CreateObject());
     for (int i = 0; i < g_num_isp; ++i)
         cJSON_AddItemToObject(root.get(), isp_key(i).data(), Create_Json_ISPObject(i, 0));
-    return para::write_json_file(path, root.get());
+    int r = para::write_json_file(path, root.get(), __func__);
+    isp_change.saved(r, k_save_delay_ms);
+    return para::module_result(r);
 }
 
 /* ---- maintenance of defaults ----------------------------------------- */

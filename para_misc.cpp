@@ -23,8 +23,8 @@ cJSON* misc_range[kJsonSlots];
 configure* conf_cur[kJsonSlots];
 configure* conf_def[kJsonSlots];
 para::ChangeState misc_item_change[kJsonSlots];
-/* Set once the slot's files loaded; a slot that did not load never writes
- * its file, so what the user kept there survives until a fixed start. */
+/* Set once the module's files loaded: a store that did not load holds no
+ * settings and must never be written over the good file. */
 bool misc_loaded[kJsonSlots];
 
 int check_conf_list(const char* name)
@@ -314,7 +314,8 @@ int para_init_misc(char* parse_name)
     clear_slot(s);
     para::copy_slot_name(conf_list[s].file_name, parse_name);
     if (para::same(parse_name, "misc")) {
-        misc_loaded[s] = para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]) == 0;
+        misc_loaded[s] =
+            para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]) == 0;
     } else if (!load_module(__func__, s, conf_list[s].file_name)) {
         return 0;
     } else {
@@ -345,13 +346,17 @@ int para_save_misc(char* parse_name)
         PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
         return 0;
     }
-    if (para::same(parse_name, "misc"))
-        return para_save_misc_legacy(parse_name, conf_cur[s]);
+    int r;
     char path[PARA_PATH_MAX];
-    if (!conf_cur[s] ||
-        !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
+    if (para::same(parse_name, "misc"))
+        r = para::save_misc_legacy(parse_name, conf_cur[s], __func__);
+    else if (!conf_cur[s] ||
+             !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
         return 0;
-    return para::write_conf_file(path, conf_cur[s], true);
+    else
+        r = para::write_conf_file(path, conf_cur[s], true, __func__);
+    misc_item_change[s].saved(r, kSaveDelayMs);
+    return para::module_result(r);
 }
 
 int para_save_misc_conf_2_buf(const char* file_name, char* buf, int size)

@@ -21,7 +21,9 @@ constexpr int kOdmVersion = 1;
  * store while the worker prints it for saving. Never held across a
  * callback into the application. */
 std::mutex odm_mutex;
-std::atomic<int> odm_item_flag{0};
+/* Flag, first unsaved change and retry back-off. The time of the latest
+ * change is the exported odm_item_start_time. */
+para::ChangeState odm_change;
 pthread_once_t set_odm_inited = PTHREAD_ONCE_INIT;
 
 /* ---- paths ---------------------------------------------------------- */
@@ -171,8 +173,8 @@ int odm_store(const char* fn, const char* key, const OdmValue& v)
 void odm_mark_changed()
 {
     std::lock_guard<std::mutex> lock(odm_mutex);
-    clock_gettime(CLOCK_MONOTONIC, &odm_item_start_time);
-    odm_item_flag.store(1);
+    odm_change.mark();
+    para::stamp_to_timespec(odm_change.stamp_ns.load(), &odm_item_start_time);
 }
 
 void odm_set(const char* fn, char* key, const OdmValue& v)
@@ -215,11 +217,12 @@ int para_init_odm(char* parse_name)
             PARA_LOG(PARA_ERR, "moving %s to %s failed: %s\n", p.old_file, p.file, strerror(errno));
     }
     bool unreadable = false;
-    para::JsonPtr json = para::load_json_file(__func__, p.file, &unreadable, true);
+    para::JsonPtr json = para::load_json_file(__func__, p.file, &unreadable, true, true);
     if (unreadable)
         return 0;
     if (json && !cJSON_IsObject(json.get())) {
         PARA_LOG(PARA_ERR, "%s is not a JSON object, ignored\n", p.file);
+        para::keep_bad_copy(__func__, p.file);
         json.reset();
     }
     if (!json)
@@ -243,17 +246,17 @@ void para_init_stage2_odm(char* parse_name)
 
 int para_need_save_odm(char* parse_name)
 {
-    if (odm_item_flag.load() != 1)
+    if (odm_change.flag.load() != 1)
         return 0;
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
     std::lock_guard<std::mutex> lock(odm_mutex);
-    return lib_common_diff_msec_timespec(&odm_item_start_time, &now) >= kOdmSaveDelayMs;
+    odm_change.stamp_ns.store(static_cast<int64_t>(odm_item_start_time.tv_sec) * 1000000000 +
+                              odm_item_start_time.tv_nsec);
+    return odm_change.due(kOdmSaveDelayMs) ? 1 : 0;
 }
 
 int para_save_odm(char* parse_name)
 {
-    odm_item_flag.store(0);
+    odm_change.take();
     OdmPaths p;
     if (!odm_paths(__func__, p))
         return 0;
@@ -261,7 +264,9 @@ int para_save_odm(char* parse_name)
     std::lock_guard<std::mutex> lock(odm_mutex);
     if (!json_odm_file)
         return 0;
-    return para::write_json_file(p.file, json_odm_file);
+    int r = para::write_json_file(p.file, json_odm_file, __func__);
+    odm_change.saved(r, kOdmSaveDelayMs);
+    return para::module_result(r);
 }
 
 /* ---- accessors ------------------------------------------------------ */

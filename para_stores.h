@@ -31,12 +31,14 @@ int find_slot_by(int count, const char* name, NameOf name_of)
     return -1;
 }
 
-/* Writes every entry of store as .conf lines to path. With lock: in place
- * under an exclusive flock on path. Without: through a sibling temporary
- * file renamed over path once complete. Returns the flush result (0 ok, -1
- * on a write or rename error), or 0 without writing when nothing can be
- * opened. */
-int write_conf_file(const char* path, configure* store, bool lock);
+/* Writes every entry of store as .conf lines to path through
+ * durable_write (with lock: under an exclusive flock on path, for writers in
+ * other processes). Results as durable_write, logged under func's name. */
+int write_conf_file(const char* path, configure* store, bool lock, const char* func);
+
+/* The "misc" module's save in its file layouts: durable_write's results
+ * (para_save_misc_legacy reports them as the module does). */
+int save_misc_legacy(char* file_name, configure* cur, const char* func);
 
 /* Store dump into buf for the *_2_buf operations: used + 1, or 0 (logged
  * with module) when buf is too small. */

@@ -195,7 +195,7 @@ inline int set_locked(const Module& m, const Member& mb, int s, int val)
     // The flag is published after the value, so a save that sees the flag
     // also sees the value.
     m.st->change.mark();
-    stamp_to_timespec(m.st->change.stamp_ms.load(std::memory_order_relaxed), m.stamp);
+    stamp_to_timespec(m.st->change.stamp_ns.load(std::memory_order_relaxed), m.stamp);
     return 1;
 }
 
@@ -339,7 +339,7 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*), const char*
 
     bool applied = false;
     if (cur[0] && access(cur, F_OK) == 0) {
-        json = load_json_file(fn, cur, &unreadable, true);
+        json = load_json_file(fn, cur, &unreadable, true, true);
         if (json) {
             load_all(m, kCurrent, json.get());
             applied = true;
@@ -509,13 +509,19 @@ inline bool set_request(const Module& m, const cJSON* item, int s)
 
 /* ---- saving ----------------------------------------------------------- */
 
+inline int delay_of(const Module& m)
+{
+    return m.delay_ms ? m.delay_ms->load() : 2000;
+}
+
 inline int need_save(const Module& m)
 {
-    return m.st->change.due(m.delay_ms ? m.delay_ms->load() : 2000) ? 1 : 0;
+    return m.st->change.due(delay_of(m)) ? 1 : 0;
 }
 
 /* Writes the current file. The flag is cleared before the snapshot, so a
- * change that lands while writing is saved by the next sweep. */
+ * change that lands while writing is saved by the next sweep; a failed
+ * write leaves the change pending for a later try. */
 inline int save(const Module& m, const char* fn)
 {
     std::lock_guard<std::mutex> saving(save_mutex);
@@ -528,13 +534,15 @@ inline int save(const Module& m, const char* fn)
     char path[PARA_PATH_MAX];
     if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
         return 0;
-    return write_json_file(path, tree.get());
+    int r = write_json_file(path, tree.get(), fn);
+    m.st->change.saved(r, delay_of(m));
+    return module_result(r);
 }
 
 inline int save_delay(const Module& m, int msec, const char* fn)
 {
     if (msec < 0)
-        msec = m.delay_ms ? m.delay_ms->load() : 2000;
+        msec = delay_of(m);
     if (m.st->change.due(msec))
         save(m, fn);
     return 0;

@@ -1,10 +1,19 @@
 #include "para_internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
 #include <string>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace para {
 
@@ -28,7 +37,8 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name, co
     return true;
 }
 
-JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line)
+JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line,
+                       bool keep_bad)
 {
     if (unreadable)
         *unreadable = false;
@@ -46,8 +56,289 @@ JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool 
             PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n\n", at ? at : "(null)");
         else
             PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n", at ? at : "(null)");
+        if (keep_bad)
+            keep_bad_copy(fn, path);
     }
     return json;
+}
+
+void keep_bad_copy(const char* func, const char* path)
+{
+    size_t len = 0;
+    CharPtr bytes(read_file_to_buf_len(path, &len));
+    std::string bad = std::string(path) + ".bad";
+    if (!bytes || durable_write(func, bad.c_str(), bytes.get(), len) != 0) {
+        PARA_LOG_FN(PARA_ERR, func, "%s cannot be read as settings and could not be kept aside\n",
+                    path);
+        return;
+    }
+    PARA_LOG_FN(PARA_ERR, func, "%s cannot be read as settings, kept as %s\n", path, bad.c_str());
+}
+
+/* ---- durable writes ---------------------------------------------------- */
+
+namespace {
+
+std::atomic<int> fs_call_count{0};
+std::atomic<int> fault_at{0};
+std::atomic<int> fault_mode{0};
+
+/* Every file-system call of a durable write passes here first. */
+bool fs_step()
+{
+    int n = fs_call_count.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (n != fault_at.load(std::memory_order_relaxed))
+        return true;
+    if (fault_mode.load() == 1)
+        raise(SIGKILL);
+    errno = ENOSPC;
+    return false;
+}
+
+struct Fd {
+    int fd = -1;
+    ~Fd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+bool write_all_at(int fd, const char* data, size_t len, off_t at)
+{
+    while (len > 0) {
+        ssize_t n = pwrite(fd, data, len, at);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            if (n == 0)
+                errno = EIO;
+            return false;
+        }
+        data += n;
+        at += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+/* A write that passes the file-size limit would raise SIGXFSZ, which ends
+ * the process where the host leaves it at its default: refuse beforehand. */
+bool within_size_limit(size_t len)
+{
+    rlimit rl{};
+    if (getrlimit(RLIMIT_FSIZE, &rl) != 0 || rl.rlim_cur == RLIM_INFINITY)
+        return true;
+    if (len <= rl.rlim_cur)
+        return true;
+    errno = EFBIG;
+    return false;
+}
+
+/* The file a path finally names, following symlinks (also dangling ones,
+ * whose target is then created). */
+bool resolve_target(const char* func, const char* path, std::string& out)
+{
+    out = path;
+    for (int hops = 0; hops < 40; ++hops) {
+        struct stat st{};
+        if (lstat(out.c_str(), &st) != 0 || !S_ISLNK(st.st_mode))
+            return true;
+        char buf[PATH_MAX];
+        ssize_t n = readlink(out.c_str(), buf, sizeof buf - 1);
+        if (n < 0)
+            break;
+        buf[n] = '\0';
+        if (buf[0] == '/')
+            out = buf;
+        else
+            out = out.substr(0, out.rfind('/') + 1) + buf;
+    }
+    PARA_LOG_FN(PARA_ERR, func, "%s: cannot follow its links, not written\n", path);
+    return false;
+}
+
+/* Opens and locks the file the path names now. A cooperating writer may
+ * have renamed a new file into place while we waited for the lock on the
+ * old one: then the lock guards nothing, so start again. */
+int open_locked(const std::string& target)
+{
+    for (;;) {
+        Fd f{open(target.c_str(), O_RDWR | O_CLOEXEC)};
+        if (f.fd < 0)
+            return -1;
+        int r;
+        while ((r = flock(f.fd, LOCK_EX)) != 0 && errno == EINTR) {
+        }
+        struct stat held{}, now{};
+        if (r != 0 || fstat(f.fd, &held) != 0)
+            return -1;
+        if (stat(target.c_str(), &now) != 0 ||
+            (now.st_ino == held.st_ino && now.st_dev == held.st_dev)) {
+            int fd = f.fd;
+            f.fd = -1;
+            return fd;
+        }
+    }
+}
+
+mode_t new_file_mode()
+{
+    static const mode_t mode = [] {
+        // umask can only be read by setting it; /proc tells it without a race.
+        mode_t mask = 022;
+        if (FILE* f = std::fopen("/proc/self/status", "r")) {
+            char line[128];
+            while (std::fgets(line, sizeof line, f))
+                if (std::sscanf(line, "Umask: %o", &mask) == 1)
+                    break;
+            std::fclose(f);
+        }
+        return static_cast<mode_t>(0666 & ~mask);
+    }();
+    return mode;
+}
+
+/* Temporary files are "<name>.tmp-XXXXXX" beside their target: no module
+ * loads such a name, and the next write of the target removes those that a
+ * crash left behind. */
+void remove_stale_temps(const std::string& dir, const std::string& base)
+{
+    DIR* d = opendir(dir.c_str());
+    if (!d)
+        return;
+    std::string prefix = base + ".tmp-";
+    while (dirent* e = readdir(d))
+        if (std::strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0 &&
+            std::strlen(e->d_name) == prefix.size() + 6)
+            unlinkat(dirfd(d), e->d_name, 0);
+    closedir(d);
+}
+
+/* Rewrites fd in place; the old content stays whole unless the write itself
+ * breaks off midway (a device error), since space is reserved first. */
+bool rewrite_in_place(int fd, const char* data, size_t len, off_t old_size)
+{
+    if (!fs_step() || !within_size_limit(len))
+        return false;
+    if (static_cast<off_t>(len) > old_size &&
+        fallocate(fd, FALLOC_FL_KEEP_SIZE, old_size, static_cast<off_t>(len) - old_size) != 0 &&
+        errno != EOPNOTSUPP && errno != ENOSYS)
+        return false;
+    if (!fs_step() || !write_all_at(fd, data, len, 0))
+        return false;
+    return fs_step() && ftruncate(fd, static_cast<off_t>(len)) == 0 && fs_step() &&
+           fsync(fd) == 0;
+}
+
+} // namespace
+
+void durable_fault_arm(int at, int mode)
+{
+    fs_call_count.store(0);
+    fault_mode.store(mode);
+    fault_at.store(at);
+}
+
+int durable_fs_calls()
+{
+    return fs_call_count.load();
+}
+
+int durable_write(const char* func, const char* path, const void* data, size_t len, bool lock,
+                  int held_fd)
+{
+    const char* bytes = static_cast<const char*>(data);
+    std::string target;
+    if (!path || !*path || !resolve_target(func, path, target))
+        return kNotOpened;
+    size_t slash = target.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : target.substr(0, slash + 1);
+    std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+    auto fail = [&](const char* step, int result = kWriteFailed) {
+        PARA_LOG_FN(PARA_ERR, func, "%s not written (%s): %s; the previous file is kept\n",
+                    target.c_str(), step, strerror(errno));
+        return result;
+    };
+
+    struct stat st{};
+    if (!fs_step())
+        return fail("stat", kNotOpened);
+    bool exists = stat(target.c_str(), &st) == 0;
+    if (!exists && errno != ENOENT)
+        return fail("stat", kNotOpened);
+    if (exists && !S_ISREG(st.st_mode)) {
+        PARA_LOG_FN(PARA_ERR, func, "%s is not a regular file, not written\n", target.c_str());
+        return kNotOpened;
+    }
+
+    Fd locked;
+    int fd = held_fd;
+    if (exists && fd < 0 && lock) {
+        if (!fs_step() || (locked.fd = open_locked(target)) < 0)
+            return fail("lock", kNotOpened);
+        fd = locked.fd;
+        fstat(fd, &st);
+    }
+    auto in_place = [&]() {
+        Fd own;
+        if (fd < 0) {
+            if (!fs_step() || (own.fd = open(target.c_str(), O_WRONLY | O_CLOEXEC)) < 0)
+                return fail("open", kNotOpened);
+            if (flock(own.fd, LOCK_EX) != 0)
+                return fail("lock", kNotOpened);
+            fd = own.fd;
+        }
+        if (!rewrite_in_place(fd, bytes, len, st.st_size))
+            return fail("rewrite in place");
+        return 0;
+    };
+    // A second name of the file would keep the old content after a rename.
+    if (exists && st.st_nlink > 1)
+        return in_place();
+
+    if (!fs_step())
+        return fail("clean up", kNotOpened);
+    remove_stale_temps(dir, base);
+    std::string tmp = dir + base + ".tmp-XXXXXX";
+    if (!fs_step())
+        return fail("create", kNotOpened);
+    Fd out{mkostemp(tmp.data(), O_CLOEXEC)};
+    if (out.fd < 0) {
+        if (exists && (errno == EACCES || errno == EPERM || errno == EROFS))
+            return in_place();
+        return fail("create", kNotOpened);
+    }
+    if (exists && fchown(out.fd, st.st_uid, st.st_gid) != 0) {
+        // Only a privileged process may give a file away; the mode still holds.
+    }
+    bool ok = fchmod(out.fd, exists ? (st.st_mode & 07777) : new_file_mode()) == 0 && fs_step() &&
+              within_size_limit(len) && write_all_at(out.fd, bytes, len, 0) && fs_step() &&
+              fsync(out.fd) == 0 && fs_step();
+    if (ok && rename(tmp.c_str(), target.c_str()) != 0) {
+        int err = errno;
+        unlink(tmp.c_str());
+        // A bind-mounted file cannot be renamed over.
+        if (exists && (err == EBUSY || err == EXDEV || err == EPERM))
+            return in_place();
+        errno = err;
+        return fail("rename");
+    }
+    if (!ok) {
+        int err = errno;
+        unlink(tmp.c_str());
+        errno = err;
+        return fail("write");
+    }
+    Fd d;
+    if (!fs_step() || (d.fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) < 0 ||
+        fsync(d.fd) != 0) {
+        // The new content is in place; only its name may not be on storage yet.
+        PARA_LOG_FN(PARA_ERR, func, "%s written, flushing its directory failed: %s\n",
+                    target.c_str(), strerror(errno));
+        return kWriteFailed;
+    }
+    return 0;
 }
 
 int format_decimal(long long v, char (&buf)[24])
@@ -198,28 +489,14 @@ char* print_json(const cJSON* json)
     return text;
 }
 
-int write_json_file(const char* path, const cJSON* json)
+int write_json_file(const char* path, const cJSON* json, const char* func)
 {
     CharPtr text(print_json(json));
-    if (!text)
-        return -1;
-    FILE* f = std::fopen(path, "wb");
-    if (!f) {
-        PARA_LOG(PARA_ERR, "open %s for writing: %s\n", path, strerror(errno));
-        return 0;
+    if (!text) {
+        PARA_LOG_FN(PARA_ERR, func, "%s not written: the values cannot be printed\n", path);
+        return kWriteFailed;
     }
-    std::fwrite(text.get(), 1, std::strlen(text.get()) + 1, f);
-    int r = std::fflush(f);
-    if (std::ferror(f))
-        r = -1;
-    int err = errno;
-    if (std::fclose(f) != 0 && r == 0) {
-        err = errno;
-        r = -1;
-    }
-    if (r != 0)
-        PARA_LOG(PARA_ERR, "writing %s failed: %s\n", path, strerror(err));
-    return r;
+    return durable_write(func, path, text.get(), std::strlen(text.get()) + 1);
 }
 
 int json_int(const cJSON* item)
@@ -279,55 +556,86 @@ int name_index_exact(const char* text, const char* const* names, int count)
     return -1;
 }
 
-namespace {
+std::atomic<int64_t> clock_offset_ns{0};
 
-// The coarse clock costs a few nanoseconds instead of a few dozen, which
-// matters on every setter call; its tick is far below any save delay.
-int64_t coarse_tick_ms()
-{
-    static const int64_t tick = [] {
-        timespec res{};
-        if (clock_getres(CLOCK_MONOTONIC_COARSE, &res) != 0)
-            return static_cast<int64_t>(10);
-        return static_cast<int64_t>(res.tv_sec) * 1000 + (res.tv_nsec + 999999) / 1000000;
-    }();
-    return tick;
-}
-
-} // namespace
-
-int64_t ChangeState::now_ms()
+int64_t ChangeState::now_ns()
 {
     timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec +
+           clock_offset_ns.load(std::memory_order_relaxed);
 }
 
 void ChangeState::mark()
 {
-    stamp_ms.store(now_ms(), std::memory_order_relaxed);
+    int64_t now = now_ns();
+    stamp_ns.store(now, std::memory_order_relaxed);
+    if (flag.load(std::memory_order_relaxed) == 0)
+        first_ns.store(now, std::memory_order_relaxed);
     flag.store(1, std::memory_order_release);
 }
+
+namespace {
+
+/* The coarse clock costs a few nanoseconds instead of a few dozen and lags
+ * the true time by less than one tick: enough to tell that a pending change
+ * is not due yet, which is what the sweep asks ten times a second. */
+int64_t coarse_upper_ns()
+{
+    static const int64_t tick = [] {
+        timespec res{};
+        if (clock_getres(CLOCK_MONOTONIC_COARSE, &res) != 0)
+            return static_cast<int64_t>(10000000);
+        return static_cast<int64_t>(res.tv_sec) * 1000000000 + res.tv_nsec + 1000000;
+    }();
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec + tick +
+           clock_offset_ns.load(std::memory_order_relaxed);
+}
+
+} // namespace
 
 bool ChangeState::due(int delay_ms) const
 {
     if (flag.load(std::memory_order_acquire) != 1)
         return false;
+    int64_t retry = retry_ns.load(std::memory_order_relaxed);
+    if (retry)
+        return coarse_upper_ns() >= retry && now_ns() >= retry;
     if (delay_ms <= 0)
         return true;
-    // Both readings may lag the true time by up to one tick (and the
-    // millisecond rounding); waiting that much longer keeps a save from ever
-    // coming before the delay is over.
-    return now_ms() - stamp_ms.load(std::memory_order_relaxed) >= delay_ms + coarse_tick_ms() + 1;
+    int64_t delay = static_cast<int64_t>(delay_ms) * 1000000;
+    int64_t stamp = stamp_ns.load(std::memory_order_relaxed);
+    int64_t first = first_ns.load(std::memory_order_relaxed);
+    auto ready = [&](int64_t now) { return now - stamp >= delay || now - first >= 10 * delay; };
+    return ready(coarse_upper_ns()) && ready(now_ns());
 }
 
-void stamp_to_timespec(int64_t ms, struct timespec* ts)
+void ChangeState::saved(int result, int delay_ms)
+{
+    if (result == 0) {
+        backoff_ms.store(0, std::memory_order_relaxed);
+        retry_ns.store(0, std::memory_order_relaxed);
+        return;
+    }
+    constexpr int kMaxBackoffMs = 60000;
+    int b = backoff_ms.load(std::memory_order_relaxed);
+    b = b <= 0 ? std::max(delay_ms, 1) : std::min(b * 2, kMaxBackoffMs);
+    b = std::min(b, kMaxBackoffMs);
+    backoff_ms.store(b, std::memory_order_relaxed);
+    retry_ns.store(now_ns() + static_cast<int64_t>(b) * 1000000, std::memory_order_relaxed);
+    // The first unsaved change keeps its time: it is still not on storage.
+    flag.store(1, std::memory_order_release);
+}
+
+void stamp_to_timespec(int64_t ns, struct timespec* ts)
 {
     if (!ts)
         return;
     // Setters on several threads may stamp at once; each field stays whole.
-    __atomic_store_n(&ts->tv_sec, static_cast<time_t>(ms / 1000), __ATOMIC_RELAXED);
-    __atomic_store_n(&ts->tv_nsec, static_cast<long>((ms % 1000) * 1000000), __ATOMIC_RELAXED);
+    __atomic_store_n(&ts->tv_sec, static_cast<time_t>(ns / 1000000000), __ATOMIC_RELAXED);
+    __atomic_store_n(&ts->tv_nsec, static_cast<long>(ns % 1000000000), __ATOMIC_RELAXED);
 }
 
 } // namespace para

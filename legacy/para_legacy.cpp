@@ -9,6 +9,7 @@
 #include "../para_stores.h"
 
 #include <array>
+#include <unistd.h>
 #include <string_view>
 
 namespace {
@@ -98,10 +99,30 @@ int load_old_values(configure* store, const char* file, bool read_only)
     char path[PARA_PATH_MAX];
     if (!(read_only ? ro_path(path, file) : rw_path(path, file)))
         return -1;
-    return fix_old_misc_def_cur_conf(path, store);
+    int r = fix_old_misc_def_cur_conf(path, store);
+    // A damaged current file is kept aside before the next save replaces it.
+    if (r != 0 && !read_only && access(path, F_OK) == 0)
+        para::keep_bad_copy(__func__, path);
+    return r;
 }
 
 } // namespace
+
+namespace para {
+
+int save_misc_legacy(char* file_name, configure* cur, const char* func)
+{
+    if (!ver_item || !cur)
+        return 0;
+    char path[PARA_PATH_MAX];
+    if (newer_layout())
+        return rw_path(path, "misc.conf") ? write_conf_file(path, cur, false, func) : 0;
+    JsonPtr values(cJSON_CreateObject());
+    Create_Json_Misc_Object(file_name, values.get(), 0);
+    return rw_path(path, "misc_cur.json") ? write_json_file(path, values.get(), func) : 0;
+}
+
+} // namespace para
 
 extern "C" {
 
@@ -187,7 +208,8 @@ int para_init_misc_legacy(char* file_name, configure** cur, configure** def, cJS
         parse_conf(*cur, "misc.conf", true);
         parse_conf(*cur, "misc.conf", false);
     } else {
-        load_old_values(*def, "misc_def.json", true);
+        if (load_old_values(*def, "misc_def.json", true) != 0)
+            return -1;
         load_old_values(*cur, "misc_def.json", true);
         load_old_values(*cur, "misc_cur.json", false);
     }
@@ -197,14 +219,7 @@ int para_init_misc_legacy(char* file_name, configure** cur, configure** def, cJS
 
 int para_save_misc_legacy(char* file_name, configure* cur)
 {
-    if (!ver_item || !cur)
-        return 0;
-    char path[PARA_PATH_MAX];
-    if (newer_layout())
-        return rw_path(path, "misc.conf") ? para::write_conf_file(path, cur, false) : 0;
-    para::JsonPtr values(cJSON_CreateObject());
-    Create_Json_Misc_Object(file_name, values.get(), 0);
-    return rw_path(path, "misc_cur.json") ? para::write_json_file(path, values.get()) : 0;
+    return para::module_result(para::save_misc_legacy(file_name, cur, __func__));
 }
 
 /* Per-member functions of "misc", stamped from PARA_MISC_MEMBERS. */

@@ -475,8 +475,8 @@ TEST_P(Faults, DirectoryBelowAFileKeepsValues)
 }
 
 /* The disk fills up while the file is rewritten: the save reports the
- * failure, the cut file on disk loads as defaults, the values in memory
- * stay and a later save writes them whole once there is room again. */
+ * failure, the previous file stays as it was, the values in memory stay and
+ * a later save writes them whole once there is room again. */
 TEST_P(Faults, FullDiskKeepsValuesForALaterSave)
 {
     if (!single_threaded())
@@ -500,18 +500,7 @@ TEST_P(Faults, FullDiskKeepsValuesForALaterSave)
     }
     EXPECT_GT(log.count(m().cur_file), 0) << log.dump();
     EXPECT_EQ(m().state(), state);
-    std::string after = fresh_load(m());
-    switch (m().layout) {
-    case Persisted::kJson:
-        EXPECT_EQ(after, default_state) << "a cut file must not load";
-        break;
-    case Persisted::kLinesRenamed:
-        EXPECT_EQ(after, saved_state);
-        break;
-    case Persisted::kLinesInPlace:
-        EXPECT_TRUE(whole_lines_kept("cut " + after, state, default_state));
-        break;
-    }
+    EXPECT_EQ(fresh_load(m()), saved_state) << "a failed save keeps the previous file";
 
     EXPECT_EQ(m().save(), 0);
     EXPECT_EQ(fresh_load(m()), state);
@@ -534,10 +523,8 @@ TEST(FaultsLifecycle, SaveAfterAFailedSweepWritesEarlierValues)
         para_set_video_gop_cur(1, 77);
         ASSERT_TRUE(test::wait_until([&] { return log.contains("video0 save err"); }, 3000))
             << log.dump();
+        EXPECT_FALSE(test::read_file(dir.rw() + "/video_cur.json")) << "no cut file is left";
     }
-    auto cut = test::read_file(dir.rw() + "/video_cur.json");
-    ASSERT_TRUE(cut);
-    EXPECT_LE(cut->size(), 16u);
     EXPECT_EQ(para_get_video_gop_cur(1), 77);
 
     para_set_video_qfactor_cur(0, 50);
