@@ -33,7 +33,9 @@ has para-tools '/usr/bin/paramd$'; has para-tools '/usr/bin/paramctl$'
 has para-tools '/usr/share/man/man1/paramctl\.1\.gz$'; has para-tools '/usr/share/man/man8/paramd\.8\.gz$'
 has para-tools '/usr/lib/systemd/system/paramd\.service$'; has para-tools '^/etc/default/paramd$'
 has para-tools '/usr/share/para/device/www2json\.json$'
-dpkg-deb -f "$work/out/para-tools_"*.deb Depends | grep -q 'libpara1 (= ' || fail "para-tools does not depend on libpara1"
+tools_deb=$(ls "$work/out/para-tools_"*.deb)
+dpkg-deb -f "$tools_deb" Depends | grep -q 'libpara1 (= ' || fail "para-tools does not depend on libpara1"
+dpkg-deb -I "$tools_deb" conffiles | grep -qx /etc/default/paramd || fail "/etc/default/paramd is no conffile"
 
 # Run paths: the unpacked tools find their libraries beside them.
 "$root/usr/bin/paramctl" --help >"$work/help" || fail "installed paramctl --help"
