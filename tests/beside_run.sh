@@ -10,7 +10,7 @@ set -eu
 cd "$(dirname "$0")/.."
 work=$(mktemp -d "${TMPDIR:-/tmp}/para-beside.XXXXXX")
 pgid=
-trap '[ -z "$pgid" ] || kill -INT -- "-$pgid" 2>/dev/null; rm -rf "$work"' EXIT
+trap '[ -z "$pgid" ] || kill -INT "-$pgid" 2>/dev/null; rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*"; echo "--- make run:"; tail -n 20 "$work/run.log"; exit 1; }
 build=build
 for a in "$@"; do case $a in BUILD=*) build=${a#BUILD=} ;; esac; done
@@ -20,7 +20,7 @@ setsid make --no-print-directory run RUN_DIR="$work/rw" "$@" >"$work/run.log" 2>
 pgid=$!
 i=0
 until "$build/tools/paramctl" --timeout 200 get video0 bitRate >/dev/null 2>&1; do
-    kill -0 -- "-$pgid" 2>/dev/null || fail "make run ended"
+    kill -0 "-$pgid" 2>/dev/null || fail "make run ended"
     i=$((i + 1)); [ $i -lt 3000 ] || fail "paramd does not answer"
 done
 ss -Hulpn 'sport = :6800' | grep -q '127.0.0.1:6800.*paramd' || fail "paramd is not bound to 127.0.0.1:6800"
@@ -29,9 +29,9 @@ ss -Hulpn 'sport = :6800' | grep -q '127.0.0.1:6800.*paramd' || fail "paramd is 
 make --no-print-directory test "$@" || fail "make test beside make run"
 
 "$build/tools/paramctl" get video0 bitRate | grep -q 6100 || fail "paramd lost its value during the tests"
-kill -INT -- "-$pgid"
+kill -INT "-$pgid"
 i=0
-while kill -0 -- "-$pgid" 2>/dev/null; do
+while kill -0 "-$pgid" 2>/dev/null; do
     i=$((i + 1)); [ $i -lt 100 ] || fail "paramd does not stop"; sleep 0.1
 done
 pgid=
