@@ -92,7 +92,8 @@ clean:
 	rm -rf build build-*
 
 # Debian packages libpara1, libpara-dev and para-tools (CPack, prefix /usr)
-# in $(DEB_BUILD); deb-arm64 cross-builds the same for the board.
+# in $(DEB_BUILD); deb-arm64 cross-builds the same for the board (CMake
+# picks the multiarch library directory only for native builds).
 DEB_BUILD       ?= build-deb
 DEB_ARM64_BUILD ?= build-deb-arm64
 
@@ -106,7 +107,8 @@ deb: deps
 deb-arm64: deps-aarch64
 	@$(MAKE) --no-print-directory deps PACKAGES=help2man
 	cmake -S . -B $(DEB_ARM64_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
-	  -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DPARA_BUILD_TESTS=OFF $(CMAKE_ARGS)
+	  -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DPARA_BUILD_TESTS=OFF \
+	  -DCMAKE_INSTALL_LIBDIR=lib/aarch64-linux-gnu $(CMAKE_ARGS)
 	cmake --build $(DEB_ARM64_BUILD) -j $(JOBS)
 	cd $(DEB_ARM64_BUILD) && cpack -G DEB
 	@ls -1 $(DEB_ARM64_BUILD)/*.deb
