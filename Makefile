@@ -1,15 +1,31 @@
-# Entry points for a fresh Debian machine:
-#   make run    install what is missing, build, serve examples/device with paramd
+# Entry points for a fresh Debian machine (./setup.sh installs make first):
+#   make run    install what is missing, build the library and the tools,
+#               serve examples/device with paramd on 127.0.0.1
 #   make test   install what is missing, build, run every test
-#   make test-aarch64  the same as a cross build for the board, run under qemu
+#   make deb    Debian packages for this machine; make deb-arm64 for the board
+#   make test-aarch64  the whole suite as a cross build for the board, under qemu
 BUILD    ?= build
 TYPE     ?= RelWithDebInfo
 JOBS     ?= $(shell nproc)
 RUN_DIR  ?= /tmp/paramd-rw
 LOGLEVEL ?= 6
-PACKAGES := g++ cmake make pkg-config libcjson-dev libgtest-dev libbenchmark-dev
+BIND     ?= 127.0.0.1
+# What a minimal Debian lacks for building, testing and packaging; one name a
+# line so that additions stay one-line changes.
+PACKAGES := \
+  g++ \
+  cmake \
+  make \
+  pkg-config \
+  libcjson-dev \
+  libgtest-dev \
+  libbenchmark-dev \
+  iproute2 \
+  procps \
+  help2man \
+  systemd
 
-.PHONY: all deps build run test test-asan test-tsan bench clean
+.PHONY: all deps configure build run test test-asan test-tsan bench clean deb deb-arm64
 
 all: build
 
@@ -23,15 +39,25 @@ deps:
 	  $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq $$missing; \
 	fi
 
-build: deps
+configure: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(TYPE) $(CMAKE_ARGS)
+
+build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-run: build
+# Only what serving needs: the library and the two tools.
+run: configure
+	cmake --build $(BUILD) -j $(JOBS) --target paramd paramctl
 	mkdir -p $(RUN_DIR)
-	$(BUILD)/tools/paramd --ro examples/device --rw $(RUN_DIR) --log-level $(LOGLEVEL)
+	$(BUILD)/tools/paramd --ro examples/device --rw $(RUN_DIR) --log-level $(LOGLEVEL) \
+	  --conf-save --bind $(BIND)
 
-test: build
+# Tests that use port 6800 run in a private network namespace where the
+# system allows one (tests/netns.sh); otherwise they need the port free, and
+# the check stops the run before the build.
+test: configure
+	@tests/netns.sh --check
+	cmake --build $(BUILD) -j $(JOBS)
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
 
 test-asan:
@@ -64,6 +90,28 @@ test-aarch64: deps-aarch64
 
 clean:
 	rm -rf build build-*
+
+# Debian packages libpara1, libpara-dev and para-tools (CPack, prefix /usr)
+# in $(DEB_BUILD); deb-arm64 cross-builds the same for the board (CMake
+# picks the multiarch library directory only for native builds).
+DEB_BUILD       ?= build-deb
+DEB_ARM64_BUILD ?= build-deb-arm64
+
+deb: deps
+	cmake -S . -B $(DEB_BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DPARA_BUILD_TESTS=OFF $(CMAKE_ARGS)
+	cmake --build $(DEB_BUILD) -j $(JOBS)
+	cd $(DEB_BUILD) && cpack -G DEB
+	@ls -1 $(DEB_BUILD)/*.deb
+
+deb-arm64: deps-aarch64
+	@$(MAKE) --no-print-directory deps PACKAGES=help2man
+	cmake -S . -B $(DEB_ARM64_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
+	  -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DPARA_BUILD_TESTS=OFF \
+	  -DCMAKE_INSTALL_LIBDIR=lib/aarch64-linux-gnu $(CMAKE_ARGS)
+	cmake --build $(DEB_ARM64_BUILD) -j $(JOBS)
+	cd $(DEB_ARM64_BUILD) && cpack -G DEB
+	@ls -1 $(DEB_ARM64_BUILD)/*.deb
 
 # Benchmarks: builds with PARA_BUILD_BENCH, starts Redis itself for the peer figure.
 bench:

@@ -113,12 +113,24 @@ typedef struct buffer_entry {
     uint32_t curIdx;
 } buffer_entry;
 
+/* Strict ISO C (-std=c99 and later without a POSIX level) hides
+ * pthread_rwlock_t in glibc; the store then shows the same bytes under a
+ * name of its own, so C consumers need no feature macros. */
+#if defined(__GLIBC__) && !defined(__cplusplus) && !defined(__USE_XOPEN2K) && !defined(__USE_UNIX98)
+typedef union {
+    char size_[__SIZEOF_PTHREAD_RWLOCK_T];
+    long align_;
+} dov_rwlock_t;
+#else
+typedef pthread_rwlock_t dov_rwlock_t;
+#endif
+
 typedef struct configure configure;
 typedef int (*configure_loop_cb)(void* argv, const char* key, const char* value);
 
 struct configure {
     buffer_entry list;
-    pthread_rwlock_t lock;
+    dov_rwlock_t lock;
     /* 0 and the terminated text in buf; nonzero when absent or buf is NULL
      * or too small (buf then holds the cut text). */
     int (*get)(configure* store, const char* key, char* buf, int size);
