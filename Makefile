@@ -7,9 +7,10 @@ TYPE     ?= RelWithDebInfo
 JOBS     ?= $(shell nproc)
 RUN_DIR  ?= /tmp/paramd-rw
 LOGLEVEL ?= 6
-PACKAGES := g++ cmake make pkg-config libcjson-dev libgtest-dev libbenchmark-dev
+PACKAGES := g++ cmake make pkg-config libcjson-dev libgtest-dev libbenchmark-dev \
+            libcpp-httplib-dev chromium chromium-driver python3-selenium
 
-.PHONY: all deps build run test test-asan test-tsan bench clean
+.PHONY: all deps build run web test test-asan test-tsan bench clean
 
 all: build
 
@@ -30,6 +31,17 @@ build: deps
 run: build
 	mkdir -p $(RUN_DIR)
 	$(BUILD)/tools/paramd --ro examples/device --rw $(RUN_DIR) --log-level $(LOGLEVEL)
+
+# The settings web page: paramd on loopback with paramweb in front of it.
+# Ctrl-C stops both, paramd with its forced save.
+WEB_LISTEN ?= 127.0.0.1:8080
+web: build
+	mkdir -p $(RUN_DIR)
+	@trap 'kill -INT $$pd; kill -TERM $$pw' INT TERM; \
+	$(BUILD)/tools/paramd --ro examples/device --rw $(RUN_DIR) --bind 127.0.0.1 --log-level $(LOGLEVEL) & pd=$$!; \
+	$(BUILD)/tools/paramweb --listen $(WEB_LISTEN) --map examples/device/www2json.json & pw=$$!; \
+	echo "settings pages: http://$(WEB_LISTEN)/  (Ctrl-C stops paramd and paramweb)"; \
+	wait $$pd; kill -TERM $$pw 2>/dev/null; wait $$pd; wait $$pw
 
 test: build
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
