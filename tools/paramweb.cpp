@@ -164,6 +164,7 @@ bool read_page(const Page& page, Form& values, std::string& error)
     const auto reply = ask(www_request("get", page.name, nullptr));
     if (!reply) {
         error = "no reply from the parameter server on port " + std::to_string(PARA_SERVER_PORT);
+        fprintf(stderr, "paramweb: page %s: %s\n", page.name.c_str(), error.c_str());
         return false;
     }
     if (*reply == page.name + "=null") {
@@ -303,8 +304,11 @@ void save_page(const Page& page, const httplib::Request& req, httplib::Response&
         if (current != now.end() && current->second == value)
             continue;
         typed[f.name] = value;
-        if (std::string why = refusal(f, value); !why.empty())
+        if (std::string why = refusal(f, value); !why.empty()) {
+            fprintf(stderr, "paramweb: page %s: %s refused, nothing sent: %s\n", page.name.c_str(),
+                    f.name.c_str(), why.c_str());
             notes[f.name] = why;
+        }
         else
             data += (data.empty() ? "" : "&") + f.name + "=" + value;
     }
@@ -320,8 +324,10 @@ void save_page(const Page& page, const httplib::Request& req, httplib::Response&
     if (request.size() > request_max)
         return show_page(page, res, "nothing saved: the changes do not fit in one request", true);
     const auto reply = ask(request);
-    if (!reply)
+    if (!reply) {
+        fprintf(stderr, "paramweb: page %s: no reply to the write\n", page.name.c_str());
         return show_page(page, res, "no reply from the parameter server", true);
+    }
     show_page(page, res, *reply, *reply != "result=success");
 }
 
