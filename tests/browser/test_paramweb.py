@@ -16,6 +16,8 @@ try:
     from selenium import webdriver
     from selenium.webdriver.common.by import By
     from selenium.webdriver.chrome.service import Service
+    from selenium.webdriver.support import expected_conditions
+    from selenium.webdriver.support.ui import WebDriverWait
 except ImportError:
     webdriver = None
 if not (CHROMIUM and DRIVER and webdriver):
@@ -113,6 +115,7 @@ try:
                  "--window-size=900,1200", f"--user-data-dir={work}/profile"):
         opts.add_argument(flag)
     drv = webdriver.Chrome(service=Service(DRIVER), options=opts)
+    drv.implicitly_wait(10)  # a loaded machine renders slowly; nothing here waits for an absence
 
     def shown_values():
         return {i.get_attribute("name"): i.get_attribute("value")
@@ -123,8 +126,11 @@ try:
             field = drv.find_element(By.NAME, name)
             field.clear()
             field.send_keys(value)
+        old = drv.find_element(By.TAG_NAME, "html")
         drv.find_element(By.CSS_SELECTOR, "button[type=submit]").click()
-        return drv.find_element(By.ID, "status").text
+        # The answer is a new page: never read the status of the one before.
+        WebDriverWait(drv, 20).until(expected_conditions.staleness_of(old))
+        return WebDriverWait(drv, 20).until(lambda d: d.find_element(By.ID, "status")).text
 
     drv.get(BASE + "/")
     links = [a.text for a in drv.find_elements(By.CSS_SELECTOR, "ul.pages a")]
@@ -137,6 +143,7 @@ try:
     direct({"msg_type": "set", "video1": {"bitRate": 512}})
     drv.get(BASE + "/")
     drv.find_element(By.LINK_TEXT, "encode").click()
+    WebDriverWait(drv, 20).until(lambda d: d.title == "encode")
     before = library_values("encode")
     check(before["sub_bitrate"] == "0.5", "a thousands value that the form text rounds is shown rounded")
     untouched = direct({"msg_type": "get", "video0": ["all"], "video1": ["all"]})
