@@ -23,9 +23,13 @@ PACKAGES := \
   iproute2 \
   procps \
   help2man \
-  systemd
+  systemd \
+  libcpp-httplib-dev \
+  chromium \
+  chromium-driver \
+  python3-selenium
 
-.PHONY: all deps configure build run test test-asan test-tsan bench clean deb deb-arm64
+.PHONY: all deps configure build run test test-asan test-tsan bench clean deb deb-arm64 web
 
 all: build
 
@@ -51,6 +55,18 @@ run: configure
 	mkdir -p $(RUN_DIR)
 	$(BUILD)/tools/paramd --ro examples/device --rw $(RUN_DIR) --log-level $(LOGLEVEL) \
 	  --conf-save --bind $(BIND)
+
+# The settings web page: paramd on loopback with paramweb in front of it.
+# Ctrl-C stops both, paramd with its forced save.
+WEB_LISTEN ?= 127.0.0.1:8080
+web: configure
+	cmake --build $(BUILD) -j $(JOBS) --target paramd paramctl paramweb
+	mkdir -p $(RUN_DIR)
+	@trap 'kill -INT $$pd; kill -TERM $$pw' INT TERM; \
+	$(BUILD)/tools/paramd --ro examples/device --rw $(RUN_DIR) --bind $(BIND) --conf-save --log-level $(LOGLEVEL) & pd=$$!; \
+	$(BUILD)/tools/paramweb --listen $(WEB_LISTEN) --map examples/device/www2json.json & pw=$$!; \
+	echo "settings pages: http://$(WEB_LISTEN)/  (Ctrl-C stops paramd and paramweb)"; \
+	wait $$pd; kill -TERM $$pw 2>/dev/null; wait $$pd; wait $$pw
 
 # Tests that use port 6800 run in a private network namespace where the
 # system allows one (tests/netns.sh); otherwise they need the port free, and
