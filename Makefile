@@ -44,18 +44,20 @@ test-tsan:
 # whole suite ran once. Atomic counters: the worker and host threads would
 # otherwise race on them and leave negative counts. The suite runs in a
 # private network and mount namespace so that port 6800 and /tmp are its own.
+# The export check is left out: the profiling runtime exports names of its own.
 COV_BUILD := build-coverage
 COV_FLAGS := --coverage -fprofile-update=atomic
 coverage:
 	$(MAKE) deps PACKAGES="$(PACKAGES) gcovr util-linux iproute2"
 	cmake -S . -B $(COV_BUILD) -DCMAKE_BUILD_TYPE=Debug \
 	  -DCMAKE_C_FLAGS="$(COV_FLAGS)" -DCMAKE_CXX_FLAGS="$(COV_FLAGS)" \
-	  -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage $(CMAKE_ARGS)
+	  -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage \
+	  -DPARA_TEST_TIMEOUT=300 $(CMAKE_ARGS)
 	cmake --build $(COV_BUILD) -j $(JOBS)
 	find $(COV_BUILD) -name '*.gcda' -delete
 	SUDO=$$( [ "$$(id -u)" = 0 ] || echo sudo ); \
 	$$SUDO unshare -mn --propagation private sh -c 'mount -t tmpfs tmpfs /tmp && ip link set lo up && \
-	  ctest --test-dir $(COV_BUILD) -j $(JOBS) --output-on-failure'; rc=$$?; \
+	  ctest --test-dir $(COV_BUILD) -j $(JOBS) --output-on-failure -E "^Exports\."'; rc=$$?; \
 	gcovr --root . --object-directory $(COV_BUILD) \
 	  --exclude '(.*/)?(tests|fuzz|bench|examples|build[^/]*)/' \
 	  --print-summary -o $(COV_BUILD)/coverage.txt && exit $$rc
