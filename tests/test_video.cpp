@@ -1,5 +1,6 @@
 // Video module: loading, member access, requests, delayed save, name and
 // size tables. Each TEST runs in its own process, so the module loads fresh.
+#include "scenario.h"
 #include "support.h"
 #include "typed_support.h"
 
@@ -11,13 +12,11 @@
 
 namespace {
 
-const char* kRange =
-    R"({"video0": {"protocol": ["H264", "MJPEG"], "size": ["PIC_QCIF", "PIC_720_576"],)"
-    R"( "frameRate": [1, 60], "rcMode": ["CBR", "AVBR"], "gop": [1, 200]}})";
-const char* kDef =
-    R"({"video0": {"protocol": "H264", "size": "PIC_HD1080", "frameRate": 30, "rcMode": "CBR", "gop": 60}})";
-const char* kCur =
-    R"({"video0": {"protocol": "H265", "size": "PIC_HD1080", "frameRate": 25, "rcMode": "CBR", "gop": 50}})";
+std::string data(const char* name)
+{
+    return *test::read_file(scenario::data_path(std::string("video/") + name));
+}
+const std::string kRange = data("range.json"), kDef = data("def.json"), kCur = data("cur.json");
 
 struct Calls {
     std::vector<std::tuple<void*, int, int>> member;
@@ -43,11 +42,11 @@ protected:
         para_profile.video_caller = on_member;
         para_profile.video_page_caller = on_page;
     }
-    void files(const std::string& range, const std::string& def, const char* cur = nullptr)
+    void files(const std::string& range, const std::string& def, const std::string& cur = "")
     {
         test::write_file(dir.ro() + "/video_range.json", range);
         test::write_file(dir.ro() + "/video_def.json", def);
-        if (cur)
+        if (!cur.empty())
             test::write_file(dir.rw() + "/video_cur.json", cur);
     }
     void example()
