@@ -103,6 +103,7 @@ TEST(Www, ConverterTable)
         std::string op = line.substr(0, 3), rest = line.substr(4);
         if (op == "map") {
             m.reset();
+            log.reset(); // one capture at a time
             log = std::make_unique<test::LogCapture>();
             if (rest != "none")
                 m = std::make_unique<Mapping>(rest.c_str());
@@ -119,13 +120,19 @@ TEST(Www, ConverterTable)
             EXPECT_EQ(modules_of(web_set(from)), want);
         } else if (op == "rev") {
             EXPECT_EQ(reverse(from), want);
+        } else if (op == "mod") {
+            EXPECT_EQ(modules_of(convert(from).request), want);
         } else {
-            size_t bar = want.find(" |");
+            auto trim = [](std::string t) {
+                t.erase(0, t.find_first_not_of(' '));
+                t.erase(t.find_last_not_of(' ') + 1);
+                return t;
+            };
+            size_t bar = want.find('|');
             Converted c = convert(from);
-            EXPECT_EQ(c.request, want.substr(0, bar));
+            EXPECT_EQ(c.request, trim(want.substr(0, bar)));
             if (bar != std::string::npos) {
-                size_t e = want.find_first_not_of(' ', bar + 2);
-                EXPECT_EQ(c.err, e == std::string::npos ? "" : want.substr(e));
+                EXPECT_EQ(c.err, trim(want.substr(bar + 1)));
             }
         }
     }
