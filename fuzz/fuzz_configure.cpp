@@ -12,11 +12,6 @@ namespace {
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
-struct Store {
-    configure* s = configure_init();
-    ~Store() { configure_free(s); }
-};
-
 int collect(void* argv, const char* key, const char* value)
 {
     static_cast<Entries*>(argv)->emplace_back(key, value);
@@ -58,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static char buf[64 * 1024];
     in.assign(data, size);
 
-    Store store;
+    fuzz::Store store;
     if (configure_parse(store.s, nullptr, in.path()) != 0)
         std::abort(); // an in-memory file is always readable
 
@@ -89,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string text(text_buf, text_len);
     std::free(text_buf);
     out.assign(text.data(), text.size());
-    Store again;
+    fuzz::Store again;
     configure_parse(again.s, nullptr, out.path());
     check_same(want, entries_of(again.s), "loop_2_conf");
 

@@ -13,12 +13,6 @@
 
 namespace {
 
-void print_and_free(cJSON* json)
-{
-    std::free(json ? cJSON_PrintUnformatted(json) : nullptr);
-    cJSON_Delete(json);
-}
-
 void walk_into_module(cJSON* json)
 {
     for (int i = 0; i < PARA_ISP_NUM; ++i) {
@@ -93,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             continue;
         void* out = nullptr;
         para_get_isp_opt(item->string, item, &out, item->string);
-        print_and_free(static_cast<cJSON*>(out));
+        fuzz::print_and_free(static_cast<cJSON*>(out));
         para_set_isp_opt(item->string, item, item->string);
         const int number = para::json_int(item);
         for (int isp = -1; isp <= PARA_ISP_NUM; ++isp) {
@@ -106,8 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         para_set_isp_style_def(number & 3, number);
     }
     for (int isp = -1; isp <= PARA_ISP_NUM; ++isp) {
-        print_and_free(Create_Json_ISPObject(isp, 0));
-        print_and_free(Create_Json_ISPObject(isp, 1));
+        fuzz::print_and_free(Create_Json_ISPObject(isp, 0));
+        fuzz::print_and_free(Create_Json_ISPObject(isp, 1));
     }
     if (size % 7 == 0)
         para_isp_cur_restore_isp_def();

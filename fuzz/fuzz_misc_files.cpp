@@ -18,17 +18,6 @@ const char kMisc[] = "misc";
 // conversion points the module's layout version at it.
 para::JsonPtr range_in_use;
 
-struct Store {
-    configure* s = configure_init();
-    ~Store() { configure_free(s); }
-};
-
-void print_and_free(cJSON* json)
-{
-    std::free(json ? cJSON_PrintUnformatted(json) : nullptr);
-    cJSON_Delete(json);
-}
-
 // The typed readers of one object member, and the by-key functions of the
 // loaded module for the member's key.
 void read_member(cJSON* obj, cJSON* item)
@@ -89,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::free(cJSON_PrintUnformatted(range_in_use.get()));
 
     file.assign(data, size);
-    Store values;
+    fuzz::Store values;
     fix_old_misc_def_cur_conf(file.path(), values.s);
 
     for (cJSON* item = json->child; item; item = item->next) {
@@ -98,13 +87,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         read_member(json.get(), item);
         void* out = nullptr;
         para_get_misc_opt(item->string, item, &out, const_cast<char*>(kMisc));
-        print_and_free(static_cast<cJSON*>(out));
+        fuzz::print_and_free(static_cast<cJSON*>(out));
         para_set_misc_opt(item->string, item, const_cast<char*>(kMisc));
     }
     cJSON* all = cJSON_CreateObject();
     Create_Json_Misc_Object(kMisc, all, 0);
     Create_Json_Misc_Object(kMisc, all, 1);
-    print_and_free(all);
+    fuzz::print_and_free(all);
     char text[512];
     para_save_misc_conf_2_buf(kMisc, text, sizeof text);
     return 0;

@@ -104,6 +104,12 @@ void MemFile::assign(const void* data, size_t size)
     }
 }
 
+void print_and_free(cJSON* json)
+{
+    std::free(json ? cJSON_PrintUnformatted(json) : nullptr);
+    cJSON_Delete(json);
+}
+
 void use_example_device()
 {
     static std::string ro = example_dir();

@@ -23,6 +23,16 @@ void quiet();
 cJSON* load_example_json(const char* name);
 // Writes text to path (aborts when it cannot).
 void write_text(const std::string& path, const std::string& text);
+// Prints a tree (the printer runs on everything the library hands out) and
+// frees it; null is fine.
+void print_and_free(cJSON* json);
+
+// A configure store that frees itself.
+struct Store {
+    configure* s = configure_init();
+    ~Store() { configure_free(s); }
+};
+
 // The input as a NUL-terminated heap copy.
 std::string as_text(const uint8_t* data, size_t size);
 

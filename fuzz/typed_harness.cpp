@@ -12,14 +12,6 @@ namespace fuzz {
 
 namespace {
 
-void print_and_free(cJSON* json)
-{
-    if (!json)
-        return;
-    std::free(cJSON_PrintUnformatted(json));
-    cJSON_Delete(json);
-}
-
 /* By-name reads and writes of every name the input mentions, on the first
  * and last record and one past each end. */
 void members_by_name(const TypedTarget& t, const cJSON* names)

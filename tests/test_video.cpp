@@ -1,5 +1,6 @@
 // Video module: loading, member access, requests, delayed save, name and
 // size tables. Each TEST runs in its own process, so the module loads fresh.
+#include "scenario.h"
 #include "support.h"
 #include "typed_support.h"
 
@@ -11,13 +12,11 @@
 
 namespace {
 
-const char* kRange =
-    R"({"video0": {"protocol": ["H264", "MJPEG"], "size": ["PIC_QCIF", "PIC_720_576"],)"
-    R"( "frameRate": [1, 60], "rcMode": ["CBR", "AVBR"], "gop": [1, 200]}})";
-const char* kDef =
-    R"({"video0": {"protocol": "H264", "size": "PIC_HD1080", "frameRate": 30, "rcMode": "CBR", "gop": 60}})";
-const char* kCur =
-    R"({"video0": {"protocol": "H265", "size": "PIC_HD1080", "frameRate": 25, "rcMode": "CBR", "gop": 50}})";
+std::string data(const char* name)
+{
+    return *test::read_file(scenario::data_path(std::string("video/") + name));
+}
+const std::string kRange = data("range.json"), kDef = data("def.json"), kCur = data("cur.json");
 
 struct Calls {
     std::vector<std::tuple<void*, int, int>> member;
@@ -43,11 +42,11 @@ protected:
         para_profile.video_caller = on_member;
         para_profile.video_page_caller = on_page;
     }
-    void files(const std::string& range, const std::string& def, const char* cur = nullptr)
+    void files(const std::string& range, const std::string& def, const std::string& cur = "")
     {
         test::write_file(dir.ro() + "/video_range.json", range);
         test::write_file(dir.ro() + "/video_def.json", def);
-        if (cur)
+        if (!cur.empty())
             test::write_file(dir.rw() + "/video_cur.json", cur);
     }
     void example()
@@ -191,62 +190,23 @@ TEST_F(Video, FileNameMatchingAndKinds)
     EXPECT_EQ(get(R"({"video0": ["size", "gop"]})"), R"({"gop":0})");
     EXPECT_EQ(para_save_video(nullptr), 0);
     EXPECT_EQ(saved().find("size"), std::string::npos);
+    // By name: no such member, no name, a name-kind member given a number.
+    EXPECT_EQ(para_set_video_member(const_cast<char*>("nosuch"), 0, 1, nullptr), 0);
+    EXPECT_EQ(para_set_video_member(nullptr, 0, 1, nullptr), 0);
+    EXPECT_EQ(para_set_video_member(const_cast<char*>("size"), 0, 1, nullptr), 0);
 }
 
-TEST_F(Video, GetRequests)
+// The module itself takes a beginning of "video0" as its key; a reading
+// post (the whole message, no key) gets no reply.
+TEST_F(Video, KeyPrefixAndKeylessRequests)
 {
     example();
-    const std::string all =
-        R"({"protocol":"H265","size":"PIC_HD1080","frameRate":25,"rcMode":"CBR","gop":50})";
-    EXPECT_EQ(get(R"({"video0": ["all"]})"), all);
-    EXPECT_EQ(get(R"({"video0": ["allmembers"]})"), all);
-    EXPECT_EQ(get(R"({"video": ["all"]})"), all); // a beginning of "video0"
-    EXPECT_EQ(get(R"({"video0": ["frameRate", "size"]})"), R"({"frameRate":25,"size":"PIC_HD1080"})");
-    EXPECT_EQ(get(R"({"video0": ["all", "size"]})"), R"({"size":"PIC_HD1080"})");
-    EXPECT_EQ(get(R"({"video0": ["bitRate", "nosuch", "FRAMERATE", 3, null, ["gop"]]})"), "{}");
-    EXPECT_EQ(get(R"({"video0": [1]})"), "{}");
-    EXPECT_EQ(get(R"({"video0": []})"), "{}");
-
-    // No stream, a stream past the count, or no array: no reply.
-    EXPECT_EQ(get(R"({"video1": ["all"]})"), "");
-    EXPECT_EQ(get(R"({"video6": ["all"]})"), "");
-    EXPECT_EQ(get(R"({"video0_def": ["all"]})"), "");
-    EXPECT_EQ(get(R"({"video0": {"gop": 1}})"), "");
+    EXPECT_EQ(get(R"({"video": ["all"]})"),
+              R"({"protocol":"H265","size":"PIC_HD1080","frameRate":25,"rcMode":"CBR","gop":50})");
     EXPECT_FALSE(typed_test::answers_whole_message(para_get_video_opt, R"({"msg_type": "post", "msg_name": "video0"})"));
     void* out = nullptr;
     EXPECT_EQ(para_get_video_opt(nullptr, nullptr, &out, nullptr), 0);
     EXPECT_EQ(out, nullptr);
-}
-
-TEST_F(Video, SetRequests)
-{
-    example();
-    set(R"({"video0": {"frameRate": 30, "size": "PIC_HD720", "gop": 0, "bitRate": 9}})");
-    EXPECT_EQ(para_get_video_frameRate_cur(0), 30);
-    EXPECT_EQ(para_get_video_size_cur(0), 16);
-    EXPECT_EQ(para_get_video_gop_cur(0), 50);
-    ASSERT_EQ(calls.page.size(), 1u);
-    EXPECT_EQ(calls.page[0], R"({"frameRate":30,"size":"PIC_HD720","gop":0,"bitRate":9})");
-    EXPECT_TRUE(calls.member.empty());
-
-    set(R"({"video0": {"frameRate": 30, "size": "PIC_HD720"}})"); // nothing new
-    set(R"({"data": {"frameRate": 40}})");
-    set(R"({"video6": {"frameRate": 40}})");
-    set(R"({"video1": {"frameRate": 40}})");
-    set(R"({"video0": {"frameRate": "40", "size": 3, "rcMode": "X"}})");
-    EXPECT_EQ(calls.page.size(), 1u);
-    EXPECT_EQ(para_get_video_frameRate_cur(0), 30);
-
-    // A name beginning with a member key selects it; prefixes of names and
-    // digits stand for indexes.
-    set(R"({"video0": {"sizeXYZ": "PIC_HD1", "rcModeX": "4", "protocol": "MJ"}})");
-    EXPECT_EQ(para_get_video_size_cur(0), 3);
-    EXPECT_EQ(para_get_video_rcMode_cur(0), 4);
-    EXPECT_EQ(para_get_video_protocol_cur(0), 2);
-    EXPECT_EQ(calls.page.size(), 2u);
-    EXPECT_EQ(para_set_video_member(const_cast<char*>("nosuch"), 0, 1, nullptr), 0);
-    EXPECT_EQ(para_set_video_member(nullptr, 0, 1, nullptr), 0);
-    EXPECT_EQ(para_set_video_member(const_cast<char*>("size"), 0, 1, nullptr), 0);
 }
 
 TEST_F(Video, SavedFileEndsInNulAndLoadsBack)
@@ -308,40 +268,6 @@ TEST_F(Video, LoadFailures)
     EXPECT_EQ(para_init_video(nullptr), -1);
     EXPECT_TRUE(log.contains("Error range def buf"));
     EXPECT_EQ(para_init_video(nullptr), 0); // the other rows do not retry
-}
-
-TEST_F(Video, DefaultFileMissingLeavesRangesAndNoMembers)
-{
-    test::LogCapture log;
-    test::write_file(dir.ro() + "/video_range.json", kRange);
-    test::write_file(dir.rw() + "/video_cur.json", kCur);
-    EXPECT_EQ(para_init_video(nullptr), -1);
-    EXPECT_TRUE(log.contains("Error read def buf"));
-    EXPECT_EQ(g_num_stream, 1);
-    EXPECT_EQ(para_get_video_gop_max(0), 200);
-    EXPECT_EQ(para_get_video_gop_cur(0), -1);
-    // A forced save must not replace the stored settings with nothing.
-    EXPECT_EQ(para_save_video(nullptr), 0);
-    EXPECT_EQ(saved(), kCur);
-}
-
-TEST_F(Video, BrokenCurrentFileFallsBackToDefaults)
-{
-    test::LogCapture log;
-    files(kRange, kDef, "{\"video0\": {");
-    ASSERT_EQ(para_init_video(nullptr), 0);
-    EXPECT_TRUE(log.contains("Error before: ["));
-    EXPECT_TRUE(log.contains("parse_ok:0"));
-    EXPECT_EQ(para_get_video_gop_cur(0), 60);
-}
-
-TEST_F(Video, BrokenRangeFile)
-{
-    test::LogCapture log;
-    test::write_file(dir.ro() + "/video_range.json", "[1,");
-    EXPECT_EQ(para_init_video(nullptr), -1);
-    EXPECT_TRUE(log.contains("Error before: ["));
-    EXPECT_EQ(g_num_stream, 0);
 }
 
 TEST_F(Video, OverlongDirectoryIsRefused)

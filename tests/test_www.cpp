@@ -1,12 +1,15 @@
-// Web-form converter driven directly with a mapping document of the test's
-// own (no server needed).
+// Web-form converter driven directly with mapping documents of the tests'
+// own (no server needed); most cases are rows of tests/data/www/converter.txt.
 #include "ipc/server/www2json.h"
+#include "scenario.h"
 #include "support.h"
 
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cstdio>
+#include <fstream>
+#include <memory>
 #include <string>
 
 namespace {
@@ -85,101 +88,60 @@ std::string modules_of(const std::string& request)
 
 } // namespace
 
-TEST(Www, WorkedExampleBothDirections)
+// The rows of tests/data/www/converter.txt (its head says how to read them).
+TEST(Www, ConverterTable)
+{
+    std::ifstream in(scenario::data_path("www/converter.txt"));
+    ASSERT_TRUE(in);
+    std::unique_ptr<Mapping> m;
+    std::unique_ptr<test::LogCapture> log;
+    std::string line;
+    for (int no = 1; std::getline(in, line); ++no) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        SCOPED_TRACE("converter.txt:" + std::to_string(no) + ": " + line);
+        std::string op = line.substr(0, 3), rest = line.substr(4);
+        if (op == "map") {
+            m.reset();
+            log.reset(); // one capture at a time
+            log = std::make_unique<test::LogCapture>();
+            if (rest != "none")
+                m = std::make_unique<Mapping>(rest.c_str());
+            continue;
+        }
+        if (op == "log") {
+            EXPECT_TRUE(log->contains(rest)) << log->dump();
+            continue;
+        }
+        size_t arrow = rest.find(" => ");
+        ASSERT_NE(arrow, std::string::npos);
+        std::string from = rest.substr(0, arrow), want = rest.substr(arrow + 4);
+        if (op == "set") {
+            EXPECT_EQ(modules_of(web_set(from)), want);
+        } else if (op == "rev") {
+            EXPECT_EQ(reverse(from), want);
+        } else if (op == "mod") {
+            EXPECT_EQ(modules_of(convert(from).request), want);
+        } else {
+            auto trim = [](std::string t) {
+                t.erase(0, t.find_first_not_of(' '));
+                t.erase(t.find_last_not_of(' ') + 1);
+                return t;
+            };
+            size_t bar = want.find('|');
+            Converted c = convert(from);
+            EXPECT_EQ(c.request, trim(want.substr(0, bar)));
+            if (bar != std::string::npos) {
+                EXPECT_EQ(c.err, trim(want.substr(bar + 1)));
+            }
+        }
+    }
+}
+
+// The reply text stays inside the caller's buffer: size - 2 characters.
+TEST(Www, ErrorReplyStaysInItsBuffer)
 {
     Mapping m(kEncode);
-    EXPECT_EQ(convert(R"({"msg_from":"www","msg_type":"get","msg_name":"encode"})").request,
-              R"({"msg_from":"www","msg_type":"get","msg_name":"encode","msg_id":1,"video0":["bitRate","gop"]})");
-    EXPECT_EQ(reverse(R"({"msg_name":"encode","msg_id":1,"video0":{"bitRate":4500,"gop":60}})"),
-              "enc_bitrate=4.5&enc_gop=60");
-    EXPECT_EQ(convert(R"({"msg_from":"www","msg_type":"set","msg_name":"encode","data":"enc_bitrate=6&enc_gop=30"})")
-                  .request,
-              R"({"msg_from":"www","msg_type":"set","msg_name":"encode","msg_id":2,"video0":{"bitRate":6000,"gop":30}})");
-    EXPECT_EQ(reverse(R"({"msg_name":"encode","msg_id":2})"), "result=success");
-}
-
-TEST(Www, MarksConvertBothWays)
-{
-    Mapping m(R"({"m":{"k":["fk","N","K"],"p":["fp","N","P"],"f":["ff","N","F"],
-                       "s":["fs","S"],"n":["fn"]}})");
-    EXPECT_EQ(modules_of(web_set("fk=4.5")), R"({"m":{"k":4500}})");
-    EXPECT_EQ(modules_of(web_set("fk=4.5678")), R"({"m":{"k":4567}})");
-    EXPECT_EQ(modules_of(web_set("fk=-1.5&fp=3&ff=1.25&fs=12ab&fn=7x")),
-              R"({"m":{"k":-1500,"p":2,"f":1,"s":"12ab","n":7}})");
-    EXPECT_EQ(modules_of(web_set("fn=abc&fk=1e30")), R"({"m":{"n":0,"k":2147483647}})");
-    EXPECT_EQ(modules_of(web_set("fp=-2147483648")), R"({"m":{"p":-2147483648}})");
-
-    // The first pair never starts with "&", whatever its mark.
-    EXPECT_EQ(reverse(R"({"m":{"k":4500}})"), "fk=4.5");
-    EXPECT_EQ(reverse(R"({"m":{"k":4000,"p":2,"f":1.25,"s":"txt","n":-3}})"), "fk=4&fp=3&ff=1.25&fs=txt&fn=-3");
-    EXPECT_EQ(reverse(R"({"m":{"s":"first","k":-1500}})"), "fs=first&fk=-1.5");
-    EXPECT_EQ(reverse(R"({"m":{"p":2147483647}})"), "fp=2147483648");
-}
-
-TEST(Www, GreedyFieldFeedsEveryLaterEntry)
-{
-    {
-        Mapping m(R"({"A":{"x":["fx","N","Greedy"]},"B":{"y":["other"],"x":["fx","N"]},
-                      "C":{"x":["fx","N","K"]},"D":{"x":["fx","N"]}})");
-        // The mark of a later entry replaces the previous one only when given.
-        EXPECT_EQ(modules_of(web_set("fx=2")), R"({"A":{"x":2},"B":{"x":2},"C":{"x":2000},"D":{"x":2000}})");
-    }
-    {
-        Mapping m(R"({"A":{"x":["fx","N"]},"B":{"x":["fx","N"]}})");
-        EXPECT_EQ(modules_of(web_set("fx=2")), R"({"A":{"x":2}})");
-    }
-}
-
-TEST(Www, FormPairWalk)
-{
-    Mapping m(R"({"m":{"a":["a"],"b":["b"],"bc":["b&c"]}})");
-    EXPECT_EQ(modules_of(web_set("a=1&b=2&")), R"({"m":{"a":1,"b":2}})");
-    EXPECT_EQ(modules_of(web_set("a=1&b")), R"({"m":{"a":1}})");
-    EXPECT_EQ(modules_of(web_set("a=1&b&c=2")), R"({"m":{"a":1,"bc":2}})");
-    EXPECT_EQ(modules_of(web_set("a=1&a=5")), R"({"m":{"a":1,"a":5}})");
-    EXPECT_EQ(modules_of(web_set("zz=1&a=3")), R"({"m":{"a":3}})");
-
-    auto none = convert(R"({"msg_type":"set","msg_name":"p","data":"ab"})");
-    EXPECT_EQ(none.request, "");
-    EXPECT_EQ(none.err, "");
-}
-
-TEST(Www, OverlongFieldsAreRefusedNotCut)
-{
-    const std::string n31(31, 'n'), n32(32, 'n');
-    const std::string map = R"({"m":{"a":["a"],"s":["s","S"],"l31":[")" + n31 + R"("],"l32":[")" + n32 + R"("]}})";
-    Mapping m(map.c_str());
-    test::LogCapture log;
-    EXPECT_EQ(modules_of(web_set(n31 + "=1&" + n32 + "=2&a=3")), R"({"m":{"l31":1,"a":3}})");
-    EXPECT_TRUE(log.contains("form pair too long"));
-    EXPECT_EQ(modules_of(web_set("s=" + std::string(31, 'v') + "&a=4")),
-              R"({"m":{"s":")" + std::string(31, 'v') + R"(","a":4}})");
-    EXPECT_EQ(modules_of(web_set("s=" + std::string(32, 'v') + "&a=4")), R"({"m":{"a":4}})");
-}
-
-TEST(Www, ErrorReplies)
-{
-    auto no_config = convert(R"({"msg_type":"get","msg_name":"encode"})");
-    EXPECT_EQ(no_config.request, "");
-    EXPECT_EQ(no_config.err, "para_config=null");
-
-    Mapping m(kEncode);
-    EXPECT_EQ(convert("{not json").err, "cJSON_Parse=null");
-    {
-        test::LogCapture log;
-        EXPECT_EQ(convert(R"({"msg_type":"get","msg_name":"nopage"})").err, "nopage=null");
-        EXPECT_TRUE(log.contains("could not find nopage in json"));
-    }
-    // A module entry is not a page.
-    EXPECT_EQ(convert(R"({"msg_type":"get","msg_name":"video0"})").err, "video0=null");
-    EXPECT_EQ(convert(R"({"msg_type":"get","msg_name":7})").err, "msg_name=null");
-    for (const char* silent : {R"({"msg_type":"set","msg_name":"encode"})", R"({"msg_type":"set","data":"enc_gop=1"})",
-                               R"({"msg_type":"g","msg_name":"encode"})"}) {
-        auto c = convert(silent);
-        EXPECT_EQ(c.request, "") << silent;
-        EXPECT_EQ(c.err, "") << silent;
-    }
-    // The reply text stays inside the caller's buffer: size - 2 characters.
     EXPECT_EQ(convert(R"({"msg_type":"get","msg_name":"nopage"})", 6).err, "nopa");
     EXPECT_EQ(para_convert_www_opt(nullptr, nullptr, 0), nullptr);
 }
@@ -212,11 +174,6 @@ TEST(Www, PageEntries)
 
 TEST(Www, LongRepliesGrowTheTextWithinItsLimit)
 {
-    // Every pair is cut to 63 characters.
-    Mapping m(R"({"m":{"s":["field","S"]}})");
-    std::string reply = R"({"m":{"s":")" + std::string(100, 'v') + R"("}})";
-    EXPECT_EQ(reverse(reply), "field=" + std::string(57, 'v'));
-
     auto mapping_of = [](int members) {
         std::string map = R"({"m":{)", reply = R"({"m":{)";
         for (int i = 0; i < members; ++i) {

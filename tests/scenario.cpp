@@ -1,0 +1,255 @@
+// Steps of a scenario file, one per line ("#" starts a comment):
+//   ro SRC [NAME] / rw SRC [NAME]  copy tests/data/SRC into the ro or rw directory
+//   ro-example                     copy every file of examples/device into ro
+//   write ro|rw NAME TEXT          write TEXT (escapes \n \t \0 \\ \xHH) as a file
+//   conf_save N / save_time AUDIO_MS VIDEO_MS / ext
+//   start / save / stop            platformparam_init / _save / _stop(1)
+//   > REQUEST / >! REQUEST         send a datagram and keep the reply / expect none
+//   = JSON / == BYTES / ~ TEXT     the reply, compact / byte-exact / containing TEXT
+//   event TEXT / events-none       the next callback the library made / none left
+//   wait FILE JSON                 within 5 s the compact form of rw/FILE is JSON
+//   has FILE TEXT / bytes FILE TEXT  rw/FILE contains / is exactly TEXT
+//   log TEXT                       some log line so far contains TEXT
+//   $ TOOL ARGS / status N OUTPUT  run a built tool; its exit status and output
+#include "scenario.h"
+
+#include "para_internal.h"
+#include "support.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <deque>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+
+namespace scenario {
+namespace {
+
+std::mutex events_mu;
+std::deque<std::string> events; // callbacks come from the worker thread
+
+void event(const std::string& text)
+{
+    std::lock_guard<std::mutex> lk(events_mu);
+    events.push_back(text);
+}
+
+std::string printed(void* json)
+{
+    para::CharPtr p(cJSON_PrintUnformatted(static_cast<cJSON*>(json)));
+    return p ? p.get() : "null";
+}
+
+void record_callbacks()
+{
+    auto& p = para_profile;
+    p.video_page_caller = [](void* j) { event("video page " + printed(j)); };
+    p.isp_page_caller = [](void* j) { event("isp page " + printed(j)); };
+    p.audio_page_caller = [](void* j) { event("audio page " + printed(j)); };
+    p.af_page_caller = [](void* j) { event("af page " + printed(j)); };
+    p.misc_page_caller = [](char* m, void* j) { event(std::string("misc page ") + m + " " + printed(j)); };
+    p.conf_caller = [](char* f) { event(std::string("conf page ") + f); };
+    p.video_caller = [](void*, int s, int v) { event("video member " + std::to_string(s) + " " + std::to_string(v)); };
+    p.isp_caller = [](void*, int s, int v) { event("isp member " + std::to_string(s) + " " + std::to_string(v)); };
+    p.audio_caller = [](void*, int v) { event("audio member " + std::to_string(v)); };
+    p.af_caller = [](void*, int v) { event("af member " + std::to_string(v)); };
+    p.misc_caller = [](char* f, const void*, char* k, int v) {
+        event(std::string("misc member ") + f + " " + k + " " + std::to_string(v));
+    };
+    p.conf_caller_in = [](char* f, const char* k) { event(std::string("conf member ") + f + " " + k); };
+    p.para_version_conflict = [](char* f, int from, int to) {
+        event(std::string("conflict ") + f + " " + std::to_string(from) + "->" + std::to_string(to));
+    };
+}
+
+// A module and commands of the host application for the server scenarios:
+// "ext" answers {"v":<items>} (a keyless post {"post":1}) and reports what it
+// was given as events; "status" is registered twice, the later one wins.
+int ext_set(char* req, void* in, char*)
+{
+    event(std::string("ext set ") + (req ? req : "(null)") + "=" + printed(in));
+    return 0;
+}
+int ext_get(char* req, void* in, void** out, char*)
+{
+    event(std::string("ext get ") + (req ? req : "(null)"));
+    cJSON* o = cJSON_CreateObject();
+    cJSON_AddNumberToObject(o, req ? "v" : "post", req ? cJSON_GetArraySize(static_cast<cJSON*>(in)) : 1);
+    *out = o;
+    return 0;
+}
+int cmd_from(const char* from, int type, para_server_message_info* info, cJSON** out)
+{
+    *out = cJSON_CreateObject();
+    cJSON_AddStringToObject(*out, "from", from);
+    if (info) {
+        cJSON_AddNumberToObject(*out, "type", type);
+        cJSON_AddNumberToObject(*out, "len", static_cast<double>(strlen(info->buffer)));
+    }
+    return 0;
+}
+param_handle_t first_cmds[] = {{"status", [](int t, para_server_message_info*, cJSON** o) { return cmd_from("a", t, nullptr, o); }, 0}};
+param_handle_t second_cmds[] = {
+    {"status", [](int t, para_server_message_info* i, cJSON** o) { return cmd_from("b", t, i, o); }, 0},
+    {"broken", [](int, para_server_message_info*, cJSON** o) { *o = cJSON_CreateObject(); return -1; }, 0}};
+
+void register_ext()
+{
+    module_para_handle_s ext{};
+    ext.parse_name = const_cast<char*>("ext");
+    ext.set_buf = ext_set;
+    ext.get_buf = ext_get;
+    register_para_handle_extern(&ext);
+    ASSERT_EQ(register_param_command(const_cast<char*>("first"), first_cmds, 1), 0);
+    ASSERT_EQ(register_param_command(const_cast<char*>("second"), second_cmds, 2), 0);
+}
+
+std::string unescape(const std::string& s)
+{
+    std::string out;
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] != '\\' || i + 1 == s.size()) {
+            out += s[i];
+            continue;
+        }
+        char c = s[++i];
+        if (c == 'x' && i + 2 < s.size() + 1) {
+            out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else
+            out += c == 'n' ? '\n' : c == 't' ? '\t' : c == '0' ? '\0' : c;
+    }
+    return out;
+}
+
+// "word rest": splits off the first word.
+std::string word(std::string& rest)
+{
+    size_t sp = rest.find(' ');
+    std::string w = rest.substr(0, sp);
+    rest = sp == std::string::npos ? "" : rest.substr(sp + 1);
+    return w;
+}
+
+} // namespace
+
+std::string data_path(const std::string& name)
+{
+    return std::string(PARA_SOURCE_DIR) + "/tests/data/" + name;
+}
+
+std::vector<std::string> list(const std::string& dir)
+{
+    std::vector<std::string> out;
+    if (DIR* d = opendir(data_path(dir).c_str())) {
+        while (dirent* e = readdir(d)) {
+            std::string n = e->d_name;
+            if (n.size() > 4 && n.compare(n.size() - 4, 4, ".txt") == 0)
+                out.push_back(n.substr(0, n.size() - 4));
+        }
+        closedir(d);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+void run(const std::string& dir, const std::string& name, bool fixed_port)
+{
+    std::ifstream in(data_path(dir + "/" + name + ".txt"));
+    ASSERT_TRUE(in) << "no scenario " << dir << "/" << name;
+    test::TempDir tmp;
+    tmp.use_as_profile();
+    record_callbacks();
+    if (!fixed_port)
+        para_server_port = 0;
+    test::LogCapture log;
+    std::optional<std::string> reply;
+    test::CommandResult ran{-1, ""};
+    bool running = false;
+    std::string line;
+    for (int no = 1; std::getline(in, line); ++no) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        SCOPED_TRACE(dir + "/" + name + ".txt:" + std::to_string(no) + ": " + line);
+        std::string rest = line, op = word(rest);
+        auto rw = [&](const std::string& f) { return test::read_file(tmp.rw() + "/" + f).value_or(""); };
+        if (op == "ro" || op == "rw") {
+            std::string src = word(rest), dst = rest.empty() ? src.substr(src.rfind('/') + 1) : rest;
+            auto text = test::read_file(data_path(src));
+            ASSERT_TRUE(text) << "no data file " << src;
+            test::write_file((op == "ro" ? tmp.ro() : tmp.rw()) + "/" + dst, *text);
+        } else if (op == "ro-example") {
+            test::copy_dir_files(test::example_device_dir(), tmp.ro());
+        } else if (op == "write") {
+            std::string where = word(rest), file = word(rest);
+            test::write_file((where == "ro" ? tmp.ro() : tmp.rw()) + "/" + file, unescape(rest));
+        } else if (op == "conf_save") {
+            para_profile.conf_save = std::stoi(rest);
+        } else if (op == "save_time") {
+            int audio = std::stoi(word(rest));
+            platformparam_set_save_param_time(audio, std::stoi(rest));
+        } else if (op == "ext") {
+            register_ext();
+        } else if (op == "start") {
+            platformparam_init();
+            running = true;
+            if (fixed_port) {
+                ASSERT_EQ(para_server_bound_port(), PARA_SERVER_PORT);
+            }
+        } else if (op == "save") {
+            EXPECT_EQ(platformparam_save(), 0);
+        } else if (op == "stop") {
+            platformparam_stop(1);
+            running = false;
+        } else if (op == ">" || op == ">!") {
+            reply = test::udp_request(unescape(rest), op == ">" ? 2000 : 300, para_server_bound_port());
+            if (op == ">!")
+                EXPECT_FALSE(reply) << *reply;
+            else
+                ASSERT_TRUE(reply) << "no reply";
+        } else if (op == "=") {
+            EXPECT_EQ(test::compact(reply.value_or("")), rest);
+        } else if (op == "==") {
+            EXPECT_EQ(reply.value_or(""), unescape(rest));
+        } else if (op == "~") {
+            EXPECT_NE(test::compact(reply.value_or("")).find(rest), std::string::npos) << *reply;
+        } else if (op == "event" || op == "events-none") {
+            std::lock_guard<std::mutex> lk(events_mu);
+            if (op == "events-none") {
+                EXPECT_TRUE(events.empty()) << events.front();
+            } else if (events.empty()) {
+                ADD_FAILURE() << "no callback came";
+            } else {
+                EXPECT_EQ(events.front(), rest);
+                events.pop_front();
+            }
+        } else if (op == "wait") {
+            std::string file = word(rest);
+            EXPECT_TRUE(test::wait_until([&] { return test::compact(rw(file).c_str()) == rest; }, 5000))
+                << rw(file);
+        } else if (op == "has") {
+            std::string file = word(rest);
+            EXPECT_NE(rw(file).find(unescape(rest)), std::string::npos) << rw(file);
+        } else if (op == "bytes") {
+            std::string file = word(rest);
+            EXPECT_EQ(rw(file), unescape(rest));
+        } else if (op == "$") {
+            ran = test::run_command(test::tools_prefix() + rest);
+        } else if (op == "status") {
+            EXPECT_EQ(ran.status, std::stoi(word(rest))) << ran.out;
+            EXPECT_EQ(ran.out, unescape(rest));
+        } else if (op == "log") {
+            EXPECT_TRUE(log.contains(rest)) << log.dump();
+        } else {
+            FAIL() << "unknown step";
+        }
+    }
+    if (running)
+        platformparam_stop(1);
+}
+
+} // namespace scenario
