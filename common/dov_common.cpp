@@ -360,10 +360,16 @@ bool grow_entries(configure* s)
     StoreImpl* impl = impl_of(s);
     if (s->list.sized >= impl->reserved)
         return false;
-    size_t want = s->list.sized ? size_t(s->list.sized) * 2 : 64;
+    size_t want = s->list.sized ? size_t(s->list.sized) * 2 : 16;
     size_t bytes = page_round(std::min(want, impl->reserved) * sizeof(entry));
     if (mprotect(s->list.ptr, bytes, PROT_READ | PROT_WRITE) != 0)
         return false;
+#ifdef MADV_POPULATE_WRITE
+    // One call instead of a fault per page while a large file loads; a
+    // kernel without it faults the pages in as they are touched.
+    size_t had = page_round(size_t(s->list.sized) * sizeof(entry));
+    madvise(reinterpret_cast<char*>(s->list.ptr) + had, bytes - had, MADV_POPULATE_WRITE);
+#endif
     s->list.sized = static_cast<uint32_t>(std::min(bytes / sizeof(entry), impl->reserved));
     return true;
 }
