@@ -69,42 +69,117 @@ bool key_round_trips(const char* key)
     return !blank(key[0]) && !blank(key[n - 1]);
 }
 
-int collect_key(void* argv, const char* key, const char*)
+/* Request-added keys are bounded: every key costs the store an entry of
+ * half a KiB for good, and the ["all"] reply must still fit one datagram.
+ * Keys from the files always load. */
+constexpr uint32_t kMaxEntries = 1024;
+constexpr size_t kMaxAllReply = 60000;
+/* The reply around the module's entries: its own key, braces, the request's
+ * message fields. */
+constexpr size_t kReplyFrame = 64;
+
+/* Bytes of one entry in the formatted ["all"] reply ("\t\t"key":\t"value",\n"),
+ * quotes and control characters escaped. */
+size_t reply_bytes(const char* key, const char* value)
 {
-    static_cast<std::vector<std::string>*>(argv)->emplace_back(key);
+    size_t n = 10;
+    for (const char* t : {key, value})
+        for (const unsigned char* c = reinterpret_cast<const unsigned char*>(t); *c; ++c)
+            n += *c == '"' || *c == '\\' || (*c < 0x20 && std::strchr("\b\f\n\r\t", *c)) ? 2
+                 : *c < 0x20                                                             ? 6
+                                                                                         : 1;
+    return n;
+}
+
+struct StoreSize {
+    size_t bytes = kReplyFrame; // of the ["all"] reply
+    uint32_t entries = 0;
+};
+
+int add_entry_size(void* argv, const char* key, const char* value)
+{
+    auto* size = static_cast<StoreSize*>(argv);
+    size->bytes += reply_bytes(key, value);
+    ++size->entries;
+    return size->bytes > kMaxAllReply; // past the bound the exact sums are of no use
+}
+
+struct Layers {
+    configure* cur;
+    configure* over; // the read-write file
+    std::vector<std::string>* stale; // default keys whose current text must follow the file
+};
+
+/* First load: the read-only file's keys in its order, each with the
+ * read-write file's text where that file sets it. */
+int put_layered(void* argv, const char* key, const char* value)
+{
+    auto* l = static_cast<Layers*>(argv);
+    entry* e = l->over->getparameter(l->over, key);
+    l->cur->put(l->cur, key, e ? e->value : value);
     return 0;
 }
 
-/* Defaults, then the read-write file over them. A key the read-write file
- * sets is not first put back to its default: on a reload that would mark it
- * changed (and show the default for a moment) although its value stays. */
-void parse_layers(configure* cur, const char* ro, const char* rw)
+int put_over(void* argv, const char* key, const char* value)
+{
+    auto* l = static_cast<Layers*>(argv);
+    l->cur->put(l->cur, key, value);
+    return 0;
+}
+
+/* Reload: a default key that the read-write file does not set and whose
+ * current text differs from the file's. */
+int collect_stale(void* argv, const char* key, const char* value)
+{
+    auto* l = static_cast<Layers*>(argv);
+    if (l->over->getparameter(l->over, key))
+        return 0;
+    entry* e = l->cur->getparameter(l->cur, key);
+    if (!e || std::strcmp(e->value, value) != 0)
+        l->stale->emplace_back(key);
+    return 0;
+}
+
+/* Current values from the defaults (def, already read) and the read-write
+ * file. A key the read-write file sets is never put back to its default on
+ * the way: on a reload that would mark it changed (and show the default for
+ * a moment) although its value stays. A first load marks nothing; a reload
+ * marks what it changes, through configure_parse, in place. */
+void parse_layers(configure* cur, configure* def, const char* ro, const char* rw, bool first)
 {
     configure* over = configure_init();
-    configure* defs = configure_init();
-    std::vector<std::string> keep;
-    bool filtered = false;
-    if (configure_parse(over, nullptr, rw) == 0 && configure_parse(defs, nullptr, ro) == 0) {
-        std::vector<std::string> all;
-        defs->loop(defs, collect_key, &all);
-        for (auto& k : all)
-            if (!over->getparameter(over, k.c_str()))
-                keep.push_back(std::move(k));
-        filtered = keep.size() <= UINT8_MAX;
+    if (!over)
+        return;
+    bool have_rw = configure_parse(over, nullptr, rw) == 0;
+    std::vector<std::string> stale;
+    Layers l{cur, over, &stale};
+    if (first) {
+        def->loop(def, put_layered, &l);
+        over->loop(over, put_over, &l);
+        configure_free(over);
+        return;
     }
-    if (filtered) {
-        std::vector<const char*> names;
-        for (auto& k : keep)
-            names.push_back(k.c_str());
-        config_keys* list = config_keys_format(names.data(), static_cast<uint8_t>(names.size()));
-        configure_parse(cur, list, ro);
-        free(list);
-    } else {
-        configure_parse(cur, nullptr, ro);
-    }
-    configure_parse(cur, nullptr, rw);
+    def->loop(def, collect_stale, &l);
     configure_free(over);
-    configure_free(defs);
+    /* The parse filter takes at most 255 keys: read the file once per batch.
+     * When most of a large file changed, one whole read is cheaper, at the
+     * price of marking keys that the read-write file sets back. */
+    constexpr size_t kBatch = UINT8_MAX, kMaxBatches = 4;
+    if (stale.size() > kBatch * kMaxBatches) {
+        configure_parse(cur, nullptr, ro);
+    } else {
+        for (size_t at = 0; at < stale.size(); at += kBatch) {
+            std::vector<const char*> names;
+            for (size_t i = at; i < stale.size() && i < at + kBatch; ++i)
+                names.push_back(stale[i].c_str());
+            std::unique_ptr<config_keys, para::FreeDeleter> list(
+                config_keys_format(names.data(), static_cast<uint8_t>(names.size())));
+            if (list)
+                configure_parse(cur, list.get(), ro);
+        }
+    }
+    if (have_rw)
+        configure_parse(cur, nullptr, rw);
 }
 
 int get_text(configure* store, const char* key, char* buf, int size)
@@ -240,7 +315,7 @@ int para_init_single_conf(char* parse_name)
         }
         return -1;
     }
-    parse_layers(cur, ro, rw);
+    parse_layers(cur, def, ro, rw, fresh);
     if (fresh) {
         slot.def_conf = def;
         slot.conf = cur;
@@ -280,6 +355,31 @@ int _para_conf_set_member(const char* file_name, const char* key, const char* te
     if (!key_round_trips(key)) {
         PARA_LOG(PARA_ERR, "%s refuse key [%s]\n", file_name, key ? key : "(null)");
         return -1;
+    }
+    /* Serialises the bound check with the put it allows; only growing
+     * texts take it, so plain value changes do not wait on each other. */
+    static std::mutex grow_mu;
+    std::unique_lock<std::mutex> grow;
+    char old[para::kValueBuf];
+    bool had = key && store->get(store, key, old, sizeof old) == 0;
+    size_t old_bytes = had ? reply_bytes(key, old) : 0;
+    if (text && reply_bytes(key, text) > old_bytes) {
+        grow = std::unique_lock<std::mutex>(grow_mu);
+        StoreSize size;
+        store->loop(store, add_entry_size, &size);
+        if (!had && size.entries >= kMaxEntries) {
+            PARA_LOG(PARA_ERR, "%s refuse new key [%s]: %u keys already\n", file_name, key,
+                     size.entries);
+            return -1;
+        }
+        /* A store that its files already made larger keeps taking changes
+         * of the keys it has; no request may push it past the bound. */
+        size_t after = size.bytes - old_bytes + reply_bytes(key, text);
+        if (after > kMaxAllReply && (!had || size.bytes <= kMaxAllReply)) {
+            PARA_LOG(PARA_ERR, "%s refuse [%s]: the all reply would pass %zu bytes\n", file_name,
+                     key, kMaxAllReply);
+            return -1;
+        }
     }
     int r = store->put(store, key, text);
     if (r > 0)

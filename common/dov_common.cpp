@@ -1,8 +1,10 @@
 #include "dov_common.h"
 
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdarg>
@@ -10,8 +12,11 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <new>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 extern "C" {
@@ -291,17 +296,6 @@ private:
     configure* s_;
 };
 
-entry* find_locked(configure* s, const char* key)
-{
-    size_t klen = strlen(key);
-    for (uint32_t i = 0; i < s->list.used; ++i) {
-        entry* e = &s->list.ptr[i];
-        if (e->key_len == klen && memcmp(e->key, key, klen) == 0)
-            return e;
-    }
-    return nullptr;
-}
-
 bool text_ok(const char* t, bool is_key)
 {
     if (!t)
@@ -316,29 +310,75 @@ bool text_ok(const char* t, bool is_key)
     return !is_key || (!strchr(t, '=') && !strchr(" \t#;", t[0]) && t[n - 1] != ' ' && t[n - 1] != '\t');
 }
 
-/* A store with the arrays it outgrew: entries handed out by getparameter
- * (and the value texts inside them) must stay readable after the store
- * grows, so outgrown arrays are kept until configure_free. */
+/* Entries live in one reserved address range that is committed as the
+ * store grows, so the array never moves: an entry handed out by
+ * getparameter keeps following later puts until configure_free. The index
+ * maps each key (a view into its own entry) to its position, so lookups do
+ * not walk the store and loading a file is linear. */
+using KeyIndex = std::unordered_map<std::string_view, uint32_t>;
+
 struct StoreImpl {
     configure pub; // first: a configure* is a StoreImpl*
-    entry** retired;
-    uint32_t nretired;
+    KeyIndex* index;
+    size_t reserved; // entries the address range can hold
 };
 
-bool retire_entries(configure* s)
+StoreImpl* impl_of(configure* s)
 {
-    if (!s->list.ptr)
-        return true;
-    auto* impl = reinterpret_cast<StoreImpl*>(s);
-    void* p = realloc(impl->retired, (impl->nretired + 1) * sizeof(entry*));
-    if (!p)
+    return reinterpret_cast<StoreImpl*>(s);
+}
+
+size_t page_round(size_t bytes)
+{
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return (bytes + page - 1) / page * page;
+}
+
+/* Far more than any .conf file holds; only address space is taken until
+ * entries are added. A smaller range is tried where this much is refused. */
+constexpr size_t kReserveEntries = size_t(1) << 20;
+
+bool reserve_entries(StoreImpl* impl)
+{
+    for (size_t n = kReserveEntries; n >= 1024; n /= 2) {
+        size_t bytes = page_round(n * sizeof(entry));
+        void* p = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (p != MAP_FAILED) {
+            impl->pub.list.ptr = static_cast<entry*>(p);
+            impl->reserved = bytes / sizeof(entry);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool grow_entries(configure* s)
+{
+    StoreImpl* impl = impl_of(s);
+    if (s->list.sized >= impl->reserved)
         return false;
-    impl->retired = static_cast<entry**>(p);
-    impl->retired[impl->nretired++] = s->list.ptr;
+    size_t want = s->list.sized ? size_t(s->list.sized) * 2 : 16;
+    size_t bytes = page_round(std::min(want, impl->reserved) * sizeof(entry));
+    if (mprotect(s->list.ptr, bytes, PROT_READ | PROT_WRITE) != 0)
+        return false;
+#ifdef MADV_POPULATE_WRITE
+    // One call instead of a fault per page while a large file loads; a
+    // kernel without it faults the pages in as they are touched.
+    size_t had = page_round(size_t(s->list.sized) * sizeof(entry));
+    madvise(reinterpret_cast<char*>(s->list.ptr) + had, bytes - had, MADV_POPULATE_WRITE);
+#endif
+    s->list.sized = static_cast<uint32_t>(std::min(bytes / sizeof(entry), impl->reserved));
     return true;
 }
 
-// Caller holds the write lock. mark: note the change for IsChanged.
+entry* find_locked(configure* s, const char* key)
+{
+    const KeyIndex& index = *impl_of(s)->index;
+    auto it = index.find(std::string_view(key));
+    return it == index.end() ? nullptr : &s->list.ptr[it->second];
+}
+
+/* Caller holds the write lock. mark: note the change for IsChanged. */
 int put_locked(configure* s, const char* key, const char* value, bool mark)
 {
     if (!text_ok(key, true) || !text_ok(value, false))
@@ -349,25 +389,21 @@ int put_locked(configure* s, const char* key, const char* value, bool mark)
         if (e->value_len == vlen && memcmp(e->value, value, vlen) == 0)
             return 0;
     } else {
-        if (s->list.used == s->list.sized) {
-            uint32_t n = s->list.sized ? s->list.sized * 2 : 16;
-            void* p = malloc(n * sizeof(entry));
-            if (!p)
-                return -1;
-            if (!retire_entries(s)) {
-                free(p);
-                return -1;
-            }
-            if (s->list.used)
-                memcpy(p, s->list.ptr, s->list.used * sizeof(entry));
-            s->list.ptr = static_cast<entry*>(p);
-            s->list.sized = n;
+        if (s->list.used == s->list.sized && !grow_entries(s)) {
+            dov_traceout(3, "[configure %s] store full, key %s dropped\n", __func__, key);
+            return -1;
         }
-        e = &s->list.ptr[s->list.used++];
+        e = &s->list.ptr[s->list.used];
         memset(e, 0, sizeof *e);
         size_t klen = strlen(key);
         memcpy(e->key, key, klen);
         e->key_len = static_cast<uint8_t>(klen);
+        try {
+            impl_of(s)->index->emplace(std::string_view(e->key, klen), s->list.used);
+        } catch (const std::bad_alloc&) {
+            return -1;
+        }
+        ++s->list.used;
     }
     memcpy(e->value, value, vlen);
     e->value[vlen] = '\0';
@@ -450,9 +486,16 @@ extern "C" {
 
 configure* configure_init(void)
 {
-    auto* s = static_cast<configure*>(calloc(1, sizeof(StoreImpl)));
-    if (!s)
+    auto* impl = static_cast<StoreImpl*>(calloc(1, sizeof(StoreImpl)));
+    if (!impl)
         return nullptr;
+    impl->index = new (std::nothrow) KeyIndex;
+    if (!impl->index || !reserve_entries(impl)) {
+        delete impl->index;
+        free(impl);
+        return nullptr;
+    }
+    configure* s = &impl->pub;
     pthread_rwlock_init(&s->lock, nullptr);
     s->get = store_get;
     s->loop = store_loop;
@@ -472,6 +515,8 @@ int configure_parse(configure* store, const config_keys* keys, const char* path)
     size_t cap = 0;
     ssize_t n;
     WriteLock lk(store);
+    // A first load (empty store) changes nothing anyone has seen yet.
+    bool mark = store->list.used != 0;
     while ((n = getline(&line, &cap, f)) >= 0) {
         // Entries are C texts: a NUL byte ends the line, as it would end
         // the key or value copied out of it.
@@ -489,7 +534,7 @@ int configure_parse(configure* store, const config_keys* keys, const char* path)
         if (k.empty() || !key_wanted(keys, k))
             continue;
         std::string ks(k), vs(v);
-        put_locked(store, ks.c_str(), vs.c_str(), true); // over-long entries are skipped
+        put_locked(store, ks.c_str(), vs.c_str(), mark); // over-long entries are skipped
     }
     free(line);
     fclose(f);
@@ -501,12 +546,10 @@ void configure_free(configure* store)
     if (!store)
         return;
     pthread_rwlock_destroy(&store->lock);
-    free(store->list.ptr);
-    auto* impl = reinterpret_cast<StoreImpl*>(store);
-    for (uint32_t i = 0; i < impl->nretired; ++i)
-        free(impl->retired[i]);
-    free(impl->retired);
-    free(store);
+    StoreImpl* impl = impl_of(store);
+    munmap(store->list.ptr, page_round(impl->reserved * sizeof(entry)));
+    delete impl->index;
+    free(impl);
 }
 
 config_keys* config_keys_format(const char** keys, uint8_t count)

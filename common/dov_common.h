@@ -142,9 +142,8 @@ struct configure {
      * break, key holding "=", starting with '#' or ';' or with a blank at
      * either end: what no .conf line could carry). */
     int (*put)(configure* store, const char* key, const char* value);
-    /* The entry inside the store, or NULL. It stays readable until
-     * configure_free, though after the store grew it no longer follows
-     * later puts. */
+    /* The entry inside the store, or NULL. Entries never move: it follows
+     * later puts and parses until configure_free. */
     entry* (*getparameter)(configure* store, const char* key);
 };
 
@@ -164,8 +163,11 @@ typedef struct loop_buf_s {
 DOV_API configure* configure_init(void);
 /* Reads a .conf file into the store: lines "key=value" or key = "value";
  * blank lines and lines starting with '#' or ';' are skipped. keys, when
- * not NULL, limits the keys taken. Entries whose text changes (or that are
- * new) are marked changed. 0, or -1 when the file cannot be read. */
+ * not NULL, limits the keys taken. A key already present is replaced in
+ * place (it keeps its position); new keys are appended. Entries whose text
+ * changes (or that are new) are marked changed, except in a parse into an
+ * empty store: a first load changes nothing. 0, or -1 when the file cannot
+ * be read. */
 DOV_API int configure_parse(configure* store, const config_keys* keys, const char* path);
 DOV_API void configure_free(configure* store);
 /* Array of count+1 records (last one with k NULL); free() it. */
