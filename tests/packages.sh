@@ -39,7 +39,7 @@ dpkg-deb -I "$tools_deb" conffiles | grep -qx /etc/default/paramd || fail "/etc/
 
 # Run paths: the unpacked tools find their libraries beside them.
 "$root/usr/bin/paramctl" --help >"$work/help" || fail "installed paramctl --help"
-grep -q '^usage: paramctl' "$work/help" || fail "paramctl --help: $(cat "$work/help")"
+grep -q '^Usage: paramctl' "$work/help" || fail "paramctl --help: $(cat "$work/help")"
 "$root/usr/bin/paramd" --help >/dev/null || fail "installed paramd --help"
 
 unit=$root/usr/lib/systemd/system/paramd.service
