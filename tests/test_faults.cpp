@@ -15,7 +15,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
 #include <functional>
 
 namespace {
@@ -89,39 +88,6 @@ const Persisted kModules[] = {
      [] { return para_save_conf(C("netport")); }, kLines, false},
 };
 
-/* The test binary started again with PARA_FAULT_LOAD naming a module prints
- * the values a fresh start of it loads. */
-struct FreshLoad : ::testing::Environment {
-    void SetUp() override
-    {
-        const char* name = std::getenv("PARA_FAULT_LOAD");
-        if (!name)
-            return;
-        dbgout_profile.para_level = 0;
-        para_profile.param_rofile_dir = std::getenv("PARA_FAULT_RO");
-        para_profile.param_rwfile_dir = std::getenv("PARA_FAULT_RW");
-        for (const Persisted& m : kModules)
-            if (std::strcmp(m.name, name) == 0)
-                m.load(), std::printf("<state>%s</state>", m.state().c_str()), std::fflush(stdout), _exit(0);
-        _exit(2);
-    }
-};
-::testing::Environment* const fresh_load_env = ::testing::AddGlobalTestEnvironment(new FreshLoad);
-
-std::string fresh_load(const Persisted& m)
-{
-    char self[PATH_MAX] = {};
-    if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0)
-        return "no executable";
-    auto r = test::run_command(std::string("PARA_FAULT_LOAD=") + m.name + " PARA_FAULT_RO='" +
-        para_profile.param_rofile_dir + "' PARA_FAULT_RW='" + para_profile.param_rwfile_dir + "' " +
-        test::emulator_prefix() + "'" + self + "'");
-    size_t from = r.out.find("<state>"), to = r.out.rfind("</state>");
-    if (r.status != 0 || from == std::string::npos || to == std::string::npos)
-        return "failed " + std::to_string(r.status) + ": " + r.out;
-    return r.out.substr(from + 7, to - from - 7);
-}
-
 /* fn's text, run in a forked child (fresh module state, the parent's files);
  * "crash <status>" when it did not exit normally. */
 std::string in_child(const std::function<std::string()>& fn)
@@ -164,7 +130,8 @@ struct FileSizeLimit {
     ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &saved), signal(SIGXFSZ, old); }
 };
 
-/* A module and, for the cut test, every kShards-th cut from shard on. */
+/* A module and, for the cut test, every kShards-th cut from shard on (for
+ * the storage test, a kind of fault). */
 constexpr int kShards = 6;
 struct Case { const Persisted* m; int shard; };
 void PrintTo(const Case& c, std::ostream* os) { *os << c.m->name << " " << c.shard; }
@@ -194,20 +161,6 @@ protected:
         *saved = in_child([this] { return m().load(), m().change(0), m().save(), m().state(); });
         ASSERT_NE(*saved, *def);
         ASSERT_EQ(in_child(load), *saved) << "the saved file does not load back";
-    }
-
-    /* Loads with the read-write directory rw, which cannot take files, and
-     * changes: the save fails, logs the place, the values stay. */
-    std::string fail_first_save(const std::string& rw, const char* place)
-    {
-        para_profile.param_rwfile_dir = C(rw.c_str());
-        m().load(), m().change(0);
-        std::string state = m().state();
-        test::LogCapture log(PARA_ERR);
-        m().save();
-        EXPECT_GT(log.count(place), 0) << log.dump();
-        EXPECT_EQ(m().state(), state);
-        return state;
     }
 
     test::TempDir dir;
@@ -271,55 +224,46 @@ TEST_P(Cuts, CurrentFileCutAtEveryByte)
     }
 }
 
-/* The read-write directory does not exist yet (storage not mounted), or lies
- * below a regular file (every open fails, even for root): once it is there
- * the next save writes the values. */
-TEST_P(Faults, UnusableDirectoryKeepsValuesUntilItCanSave)
-{
-    std::string blocker = dir.path() + "/blocker", rw = blocker + "/rw";
-    if (GetParam().shard) {
-        test::write_file(blocker, "x");
-        std::string state = fail_first_save(rw, "blocker");
-        ASSERT_EQ(unlink(blocker.c_str()), 0);
-        ASSERT_EQ(mkdir(blocker.c_str(), 0755), 0);
-        ASSERT_EQ(mkdir(rw.c_str(), 0755), 0);
-        m().save();
-        EXPECT_EQ(fresh_load(m()), state);
-    } else {
-        std::string state = fail_first_save(rw = dir.path() + "/late", "late");
-        ASSERT_EQ(mkdir(rw.c_str(), 0755), 0);
-        m().save();
-        EXPECT_EQ(fresh_load(m()), state);
-    }
-}
-
-/* The disk fills up while the file is rewritten: the save reports it, the
- * previous file and the values in memory stay, and a later save writes them
- * whole once there is room again. */
-struct FullDisk : Faults {};
-TEST_P(FullDisk, KeepsValuesForALaterSave)
+/* The read-write directory does not exist yet (storage not mounted) or lies
+ * below a regular file (every open fails, even for root), or the disk fills up
+ * while the file is rewritten: the save says so, the previous file and the
+ * values in memory stay, and a later save writes them whole once it can. The
+ * child's text carries what went wrong; a fresh start must load its values. */
+struct Storage : Faults {};
+TEST_P(Storage, FailedSaveKeepsValuesForALaterSave)
 {
     if (threads != 1)
         GTEST_SKIP() << "run this test in a process of its own (ctest does)";
-    std::string saved, def;
-    make_current_file(&saved, &def);
-    m().load();
-    ASSERT_EQ(m().state(), saved);
-    m().change(1);
-    std::string state = m().state();
-    ASSERT_NE(state, saved);
-    test::LogCapture log(PARA_ERR);
-    int r;
-    {
-        FileSizeLimit limit(16);
-        r = m().save();
-    }
-    EXPECT_TRUE(r != 0 || !m().save_reports_errors);
-    EXPECT_GT(log.count(m().cur_file), 0) << log.dump();
-    EXPECT_EQ(m().state(), state);
-    EXPECT_EQ(fresh_load(m()), saved) << "a failed save keeps the previous file";
-    EXPECT_EQ(m().save(), 0);
-    EXPECT_EQ(fresh_load(m()), state);
+    int kind = GetParam().shard; // 0 directory missing, 1 below a file, 2 disk full
+    std::string saved, def, rw = dir.rw(), place = m().cur_file, blocker = dir.path() + "/blocker";
+    if (kind == 2)
+        make_current_file(&saved, &def);
+    else
+        rw = kind ? blocker + "/rw" : dir.path() + "/late", place = kind ? "blocker" : "late";
+    if (kind == 1)
+        test::write_file(blocker, "x");
+    auto previous = test::read_file(rw + "/" + m().cur_file);
+    auto load = [&] { return para_profile.param_rwfile_dir = C(rw.c_str()), m().load(), m().state(); };
+    std::string got = in_child([&] {
+        std::string state = (load(), m().change(kind == 2), m().state()), out = state;
+        test::LogCapture log(PARA_ERR);
+        int r;
+        {
+            FileSizeLimit limit(kind == 2 ? 16 : RLIM_INFINITY);
+            r = m().save();
+        }
+        out += log.contains(place) ? "" : " [no log naming " + place + "]";
+        out += r == 0 && kind == 2 && m().save_reports_errors ? " [no error]" : "";
+        out += m().state() == state ? "" : " [values changed]";
+        out += test::read_file(rw + "/" + m().cur_file) == previous ? "" : " [previous file changed]";
+        if (kind == 1)
+            unlink(blocker.c_str()), mkdir(blocker.c_str(), 0755);
+        if (kind != 2)
+            mkdir(rw.c_str(), 0755);
+        return out + (m().save() == 0 ? "" : " [later save failed]");
+    });
+    EXPECT_NE(got, saved);
+    EXPECT_EQ(got, in_child(load));
 }
 
 std::vector<Case> cases(int shards)
@@ -332,8 +276,7 @@ std::vector<Case> cases(int shards)
 }
 std::string case_name(const ::testing::TestParamInfo<Case>& i) { return i.param.m->name + ("_" + std::to_string(i.param.shard)); }
 INSTANTIATE_TEST_SUITE_P(Modules, Cuts, ::testing::ValuesIn(cases(kShards)), case_name);
-INSTANTIATE_TEST_SUITE_P(Modules, Faults, ::testing::ValuesIn(cases(2)), case_name); // 0 missing, 1 below a file
-INSTANTIATE_TEST_SUITE_P(Modules, FullDisk, ::testing::ValuesIn(cases(1)), case_name);
+INSTANTIATE_TEST_SUITE_P(Modules, Storage, ::testing::ValuesIn(cases(3)), case_name);
 
 /* The whole library: the sweep reports the failed save ("save err"), leaves
  * no cut file, and the save after the next change writes the earlier value. */
