@@ -46,45 +46,40 @@ void add_ext(const char* name, decltype(&get1) get) {
 
 } // namespace
 
-TEST(Table, NoMappingFileGivesBuiltinsAndDefaultPatterns)
+/* Start-ups with and without a mapping file: the row names end as given,
+ * pattern rows take their template's operations (json_row the misc ones,
+ * conf_row the conf ones; -1: none), and a log line comes that often. */
+struct Startup { const char* name; const char* map_file; std::string map, rows_end; int num, json_row, conf_row; const char* log; int times; };
+const Startup kStartups[] = {
+    {"no_mapping_file", nullptr, "", "odmInter,isp0,isp1,af,video0,video1,audio,json,conf,msg_type,msg_name,msg_id,video2,"
+     "video3,video4,video5,video6,end,misc,netport,overlay,ndi_config,", 22, 18, 19, "Error before: [", 1},
+    {"empty_json_list", "www2json.json", R"({"json_pattern_list":[]})", "end,netport,overlay,ndi_config,", 21, -1, 18, "Error before: [", 0},
+    {"named_file", "map.json", R"({"json_pattern_list":["a","b"],"conf_pattern_list":["c"]})", "end,a,b,c,", 21, 18, 20,
+     "module_para_handle_num:21", 1},
+    // 50 + 4 + the extern row: 64 exactly, once for the json list, once for the conf list, once for the extern rows
+    {"overflow", "www2json.json", "", ",m44,m45,", PARA_MODULE_ROWS, 18, -1, "err not enough module_para_handle\n", 3},
+};
+class Table : public ::testing::TestWithParam<Startup> {};
+TEST_P(Table, RowsOfTheMappingFile)
 {
+    const Startup& c = GetParam();
+    std::string map = c.map.empty() && c.map_file ? "{\"json_pattern_list\":[\"m0\"" : c.map;
+    for (int i = 1; i < 50 && c.map.empty() && c.map_file; ++i)
+        map += ",\"m" + std::to_string(i) + "\"" + (i == 49 ? "]}" : "");
+    if (c.map.empty() && c.map_file)
+        add_ext("ext", get1);
+    if (c.map_file && std::string(c.map_file) != "www2json.json")
+        para_profile.config_file_name = const_cast<char*>(c.map_file);
     test::LogCapture log;
-    Started lib;
-    EXPECT_EQ(names(), "odmInter,isp0,isp1,af,video0,video1,audio,json,conf,msg_type,msg_name,msg_id,video2,video3,"
-                       "video4,video5,video6,end,misc,netport,overlay,ndi_config,");
-    for (const char* text : {"Error before: [", "module_para_handle_num:22", "[para platformparam_init +"})
-        EXPECT_TRUE(log.contains(text)) << text;
-    EXPECT_EQ(module_para_handle[18].get_buf, para_get_misc_opt); // pattern rows take their template's
-    EXPECT_EQ(module_para_handle[19].save, para_save_conf);
+    Started lib(c.map_file, map);
+    EXPECT_EQ(module_para_handle_num, c.num);
+    EXPECT_EQ(names().substr(names().size() - std::min(names().size(), c.rows_end.size())), c.rows_end);
+    EXPECT_EQ(log.count(c.log), c.times) << log.dump();
+    auto row = [](int i) { return module_para_handle[i]; };
+    EXPECT_TRUE(c.json_row < 0 || row(c.json_row).get_buf == para_get_misc_opt);
+    EXPECT_TRUE(c.conf_row < 0 || (row(c.conf_row).set_buf == para_set_conf_opt && row(c.conf_row).save == para_save_conf));
 }
-
-TEST(Table, EmptyJsonListKeepsDefaultConfList)
-{
-    Started lib("www2json.json", R"({"json_pattern_list":[]})");
-    EXPECT_EQ(module_para_handle_num, 21);
-    EXPECT_STREQ(module_para_handle[18].parse_name, "netport");
-}
-
-TEST(Table, NamedMappingFileAndItsLists)
-{
-    para_profile.config_file_name = const_cast<char*>("map.json");
-    Started lib("map.json", R"({"json_pattern_list":["a","b"],"conf_pattern_list":["c"]})");
-    EXPECT_EQ(names().substr(names().find("end,")), "end,a,b,c,");
-    EXPECT_EQ(module_para_handle[20].set_buf, para_set_conf_opt);
-}
-
-TEST(Table, OverflowFillsExactly64AndLogsOncePerList)
-{
-    std::string list = "\"m0\"";
-    for (int i = 1; i < 50; ++i)
-        list += ",\"m" + std::to_string(i) + "\"";
-    add_ext("ext", get1);
-    test::LogCapture log;
-    Started lib("www2json.json", "{\"json_pattern_list\":[" + list + "]}");
-    EXPECT_EQ(module_para_handle_num, PARA_MODULE_ROWS);
-    EXPECT_EQ(log.count("err not enough module_para_handle\n"), 3); // json list, conf list, extern rows
-    EXPECT_STREQ(module_para_handle[63].parse_name, "m45");
-}
+INSTANTIATE_TEST_SUITE_P(Startups, Table, ::testing::ValuesIn(kStartups), [](const auto& i) { return std::string(i.param.name); });
 
 TEST(Table, ExternRegistration)
 {
