@@ -1,182 +1,122 @@
-// Module handler table, lifecycle and save sweep. Every TEST runs in its own
-// process, so each one starts the library from scratch.
-#include <gtest/gtest.h>
-
+// Module handler table, lifecycle and save sweep; each TEST starts the
+// library from scratch in its own process.
 #include "para_internal.h"
 #include "support.h"
+
+#include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
-#include <vector>
 
 namespace {
 
-std::atomic<int> g_sync_runs{0};
-int count_sync(const char* cmd)
-{
-    if (std::string(cmd) == "sync")
-        ++g_sync_runs;
-    return 0;
-}
+std::atomic<int> syncs{0}, ext_saves{0}, ext_due{0};
+int count_sync(const char* cmd) { return syncs += std::string(cmd) == "sync", 0; }
+int get1(char*, void*, void** out, char*) { return *out = cJSON_CreateNumber(1), 0; }
+int get2(char*, void*, void** out, char*) { return *out = cJSON_CreateNumber(2), 0; }
 
-std::vector<std::string> row_names()
+std::string names() // the rows' parse names, one "," after each
 {
-    std::vector<std::string> out;
+    std::string s;
     for (int i = 0; i < module_para_handle_num; ++i)
-        out.emplace_back(module_para_handle[i].parse_name ? module_para_handle[i].parse_name : "");
-    return out;
+        s += std::string(module_para_handle[i].parse_name ? module_para_handle[i].parse_name : "") + ",";
+    return s;
 }
 
-void start_server(test::TempDir& dir)
-{
-    dir.use_as_profile();
-    para_server_port = 0; // any free port: these tests need no fixed one
-    platformparam_init();
-}
+struct Started { // a library on any free port, stopped at the end
+    test::TempDir dir;
+    explicit Started(const char* map_name = nullptr, const std::string& map = "")
+    {
+        if (map_name)
+            test::write_file(dir.ro() + "/" + map_name, map);
+        dir.use_as_profile();
+        para_server_port = 0, syncs = 0, lib_system_hook = count_sync;
+        platformparam_init();
+    }
+    ~Started() { platformparam_stop(1), lib_system_hook = nullptr; }
+};
 
-int ext_get(char*, void*, void** out, char*)
-{
-    *out = cJSON_CreateNumber(1);
-    return 0;
-}
-int ext_get2(char*, void*, void** out, char*)
-{
-    *out = cJSON_CreateNumber(2);
-    return 0;
+void add_ext(const char* name, decltype(&get1) get) {
+    module_para_handle_s r{};
+    r.parse_name = const_cast<char*>(name), r.get_buf = get, r.save = get == get2 ? para_save_video : nullptr;
+    register_para_handle_extern(&r);
 }
 
 } // namespace
 
-TEST(Table, NoMappingFileGivesBuiltinsAndDefaultPatterns)
+/* Start-ups with and without a mapping file: the row names end as given,
+ * pattern rows take their template's operations (json_row the misc ones,
+ * conf_row the conf ones; -1: none), and a log line comes that often. */
+struct Startup { const char* name; const char* map_file; std::string map, rows_end; int num, json_row, conf_row; const char* log; int times; };
+const Startup kStartups[] = {
+    {"no_mapping_file", nullptr, "", "odmInter,isp0,isp1,af,video0,video1,audio,json,conf,msg_type,msg_name,msg_id,video2,"
+     "video3,video4,video5,video6,end,misc,netport,overlay,ndi_config,", 22, 18, 19, "Error before: [", 1},
+    {"empty_json_list", "www2json.json", R"({"json_pattern_list":[]})", "end,netport,overlay,ndi_config,", 21, -1, 18, "Error before: [", 0},
+    {"named_file", "map.json", R"({"json_pattern_list":["a","b"],"conf_pattern_list":["c"]})", "end,a,b,c,", 21, 18, 20,
+     "module_para_handle_num:21", 1},
+    // 50 + 4 + the extern row: 64 exactly, once for the json list, once for the conf list, once for the extern rows
+    {"overflow", "www2json.json", "", ",m44,m45,", PARA_MODULE_ROWS, 18, -1, "err not enough module_para_handle\n", 3},
+};
+class Table : public ::testing::TestWithParam<Startup> {};
+TEST_P(Table, RowsOfTheMappingFile)
 {
-    test::TempDir dir;
+    const Startup& c = GetParam();
+    std::string map = c.map.empty() && c.map_file ? "{\"json_pattern_list\":[\"m0\"" : c.map;
+    for (int i = 1; i < 50 && c.map.empty() && c.map_file; ++i)
+        map += ",\"m" + std::to_string(i) + "\"" + (i == 49 ? "]}" : "");
+    if (c.map.empty() && c.map_file)
+        add_ext("ext", get1);
+    if (c.map_file && std::string(c.map_file) != "www2json.json")
+        para_profile.config_file_name = const_cast<char*>(c.map_file);
     test::LogCapture log;
-    start_server(dir);
-    std::vector<std::string> expected = {
-        "odmInter", "isp0", "isp1", "af", "video0", "video1", "audio", "json", "conf", "msg_type", "msg_name",
-        "msg_id", "video2", "video3", "video4", "video5", "video6", "end", "misc", "netport", "overlay", "ndi_config"};
-    EXPECT_EQ(row_names(), expected);
-    EXPECT_TRUE(log.contains("Error before: ["));
-    EXPECT_TRUE(log.contains("module_para_handle_num:22"));
-    EXPECT_TRUE(log.contains("[para platformparam_init +"));
-    // Pattern rows carry their template's operations.
-    EXPECT_EQ(module_para_handle[18].get_buf, para_get_misc_opt);
-    EXPECT_EQ(module_para_handle[19].save, para_save_conf);
-    platformparam_stop(1);
+    Started lib(c.map_file, map);
+    EXPECT_EQ(module_para_handle_num, c.num);
+    EXPECT_EQ(names().substr(names().size() - std::min(names().size(), c.rows_end.size())), c.rows_end);
+    EXPECT_EQ(log.count(c.log), c.times) << log.dump();
+    auto row = [](int i) { return module_para_handle[i]; };
+    EXPECT_TRUE(c.json_row < 0 || row(c.json_row).get_buf == para_get_misc_opt);
+    EXPECT_TRUE(c.conf_row < 0 || (row(c.conf_row).set_buf == para_set_conf_opt && row(c.conf_row).save == para_save_conf));
 }
-
-TEST(Table, EmptyJsonListKeepsDefaultConfList)
-{
-    test::TempDir dir;
-    test::write_file(dir.ro() + "/www2json.json", R"({"json_pattern_list":[]})");
-    start_server(dir);
-    EXPECT_EQ(module_para_handle_num, 21);
-    EXPECT_STREQ(module_para_handle[18].parse_name, "netport");
-    platformparam_stop(1);
-}
-
-TEST(Table, NamedMappingFileAndItsLists)
-{
-    test::TempDir dir;
-    test::write_file(dir.ro() + "/map.json",
-                     R"({"json_pattern_list":["a","b"],"conf_pattern_list":["c"]})");
-    para_profile.config_file_name = const_cast<char*>("map.json");
-    start_server(dir);
-    std::vector<std::string> names = row_names();
-    ASSERT_EQ(names.size(), 21u);
-    EXPECT_EQ(names[18], "a");
-    EXPECT_EQ(names[19], "b");
-    EXPECT_EQ(names[20], "c");
-    EXPECT_EQ(module_para_handle[20].set_buf, para_set_conf_opt);
-    platformparam_stop(1);
-}
-
-TEST(Table, OverflowFillsExactly64AndLogsOncePerList)
-{
-    test::TempDir dir;
-    std::string list;
-    for (int i = 0; i < 50; ++i)
-        list += (i ? ",\"m" : "\"m") + std::to_string(i) + "\"";
-    test::write_file(dir.ro() + "/www2json.json", "{\"json_pattern_list\":[" + list + "]}");
-    module_para_handle_s ext{};
-    ext.parse_name = const_cast<char*>("ext");
-    ext.get_buf = ext_get;
-    register_para_handle_extern(&ext);
-    test::LogCapture log;
-    start_server(dir);
-    EXPECT_EQ(module_para_handle_num, PARA_MODULE_ROWS);
-    // once for the json list, once for the conf list, once for the extern rows
-    EXPECT_EQ(log.count("err not enough module_para_handle\n"), 3);
-    EXPECT_STREQ(module_para_handle[63].parse_name, "m45");
-    platformparam_stop(1);
-}
+INSTANTIATE_TEST_SUITE_P(Startups, Table, ::testing::ValuesIn(kStartups), [](const auto& i) { return std::string(i.param.name); });
 
 TEST(Table, ExternRegistration)
 {
     test::LogCapture log;
-    module_para_handle_s a{};
-    a.parse_name = const_cast<char*>("ext");
-    a.get_buf = ext_get;
-    register_para_handle_extern(&a);
-    module_para_handle_s b = a;
-    b.get_buf = ext_get2;
-    b.save = para_save_video; // never taken over: extern rows are not saved
-    register_para_handle_extern(&b);
+    add_ext("ext", get1);
+    add_ext("ext", get2); // the later one wins, but extern rows are never saved
     register_para_handle_extern(nullptr);
-
-    // 31 more distinct names fill the 32 slots; the next one is refused.
-    static std::vector<std::string> names;
-    for (int i = 0; i < 32; ++i)
-        names.push_back("x" + std::to_string(i));
-    for (auto& n : names) {
-        module_para_handle_s r{};
-        r.parse_name = const_cast<char*>(n.c_str());
-        register_para_handle_extern(&r);
-    }
+    static const char* more[32] = {"x0", "x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9", "x10",
+        "x11", "x12", "x13", "x14", "x15", "x16", "x17", "x18", "x19", "x20", "x21", "x22", "x23", "x24",
+        "x25", "x26", "x27", "x28", "x29", "x30", "x31"};
+    for (const char* n : more) // 31 fill the 32 slots, the last is refused
+        add_ext(n, get1);
     EXPECT_EQ(log.count("err not enough module_para_handle_extern_temp"), 1);
-
-    test::TempDir dir;
-    start_server(dir);
+    Started lib;
     EXPECT_EQ(module_para_handle_num, 22 + 32);
-    const module_para_handle_s& row = module_para_handle[22];
-    EXPECT_STREQ(row.parse_name, "ext");
-    EXPECT_EQ(row.get_buf, ext_get2);
-    EXPECT_EQ(row.save, nullptr);
+    EXPECT_STREQ(module_para_handle[22].parse_name, "ext");
+    EXPECT_EQ(module_para_handle[22].get_buf, get2);
+    EXPECT_EQ(module_para_handle[22].save, nullptr);
     EXPECT_STREQ(module_para_handle[53].parse_name, "x30");
-
-    module_para_handle_s late{};
-    late.parse_name = const_cast<char*>("late");
-    register_para_handle_extern(&late);
+    add_ext("late", get1);
     EXPECT_TRUE(log.contains("err:call register_para_handle_extern before platformparam_init"));
     EXPECT_EQ(module_para_handle_num, 54);
-    platformparam_stop(1);
 }
 
-TEST(Table, MessageEchoRows)
+TEST(Table, MessageEchoRowsAndConflictCallback)
 {
     para::JsonPtr req(cJSON_Parse(R"({"msg_id":7,"msg_name":"st","other":1})"));
-    void* out = nullptr;
-    para_get_msg_id_opt(nullptr, cJSON_GetObjectItem(req.get(), "msg_id"), &out, const_cast<char*>("msg_id"));
-    ASSERT_NE(out, nullptr);
-    EXPECT_EQ(static_cast<cJSON*>(out)->valueint, 7);
-    cJSON_Delete(static_cast<cJSON*>(out));
+    auto echo = [&](decltype(&para_get_msg_id_opt) fn, const char* item, const char* row) {
+        void* out = nullptr;
+        EXPECT_EQ(fn(nullptr, cJSON_GetObjectItem(req.get(), item), &out, const_cast<char*>(row)), 0);
+        para::JsonPtr owned(static_cast<cJSON*>(out));
+        return owned ? test::compact(para::CharPtr(cJSON_Print(owned.get())).get()) : "(none)";
+    };
+    EXPECT_EQ(echo(para_get_msg_id_opt, "msg_id", "msg_id"), "7");
+    EXPECT_EQ(echo(para_get_msg_id_opt, "other", "msg_id"), "(none)");
+    EXPECT_EQ(echo(para_get_msg_name_opt, "msg_name", "msg_name"), "\"st\"");
 
-    out = nullptr;
-    EXPECT_EQ(para_get_msg_id_opt(nullptr, cJSON_GetObjectItem(req.get(), "other"), &out,
-                                  const_cast<char*>("msg_id")), 0);
-    EXPECT_EQ(out, nullptr);
-
-    para_get_msg_name_opt(nullptr, cJSON_GetObjectItem(req.get(), "msg_name"), &out, const_cast<char*>("msg_name"));
-    ASSERT_NE(out, nullptr);
-    EXPECT_STREQ(static_cast<cJSON*>(out)->valuestring, "st");
-    cJSON_Delete(static_cast<cJSON*>(out));
-}
-
-TEST(Table, ConflictCallback)
-{
     test::LogCapture log;
     EXPECT_EQ(para_conflict_callback(const_cast<char*>("odm"), 3, 1), 0);
     EXPECT_TRUE(log.contains("odm 3->1"));
@@ -188,102 +128,69 @@ TEST(Table, ConflictCallback)
 
 TEST(Lifecycle, ForcedStopSavesEveryRowOnceAndSyncsOnce)
 {
-    test::TempDir dir;
-    start_server(dir);
+    Started lib;
     int rows_with_save = 0;
     for (int i = 0; i < module_para_handle_num; ++i)
         rows_with_save += module_para_handle[i].save != nullptr;
     ASSERT_GT(rows_with_save, 0);
-
-    g_sync_runs = 0;
-    lib_system_hook = count_sync;
     test::LogCapture log(6);
-    EXPECT_EQ(platformparam_stop(1), 0);
-    EXPECT_EQ(log.count(" save...\n"), rows_with_save);
-    EXPECT_EQ(g_sync_runs, 1);
-    EXPECT_TRUE(log.contains("platformparam_stop ok"));
-
-    // A second stop finds no worker and saves nothing.
-    log.clear();
-    EXPECT_EQ(platformparam_stop(1), 0);
-    EXPECT_EQ(log.count(" save...\n"), 0);
-    EXPECT_EQ(g_sync_runs, 1);
-
-    // A forced save still works after the stop.
-    EXPECT_EQ(platformparam_save(), 0);
-    EXPECT_EQ(g_sync_runs, 2);
-    lib_system_hook = nullptr;
+    for (int round = 0; round < 2; ++round) { // a second stop finds no worker and saves nothing
+        log.clear();
+        EXPECT_EQ(platformparam_stop(1), 0);
+        EXPECT_EQ(log.count(" save...\n"), round ? 0 : rows_with_save);
+        EXPECT_EQ(syncs, 1);
+        EXPECT_EQ(log.contains("platformparam_stop ok"), round == 0);
+    }
+    EXPECT_EQ(platformparam_save(), 0); // a forced save still works after the stop
+    EXPECT_EQ(syncs, 2);
 }
 
 TEST(Lifecycle, StopZeroKeepsServing)
 {
-    test::TempDir dir;
-    start_server(dir);
+    Started lib;
     EXPECT_EQ(platformparam_stop(0), 0);
     auto reply = test::udp_request(R"({"msg_type":"get","msg_id":3})", 2000, para_server_bound_port());
-    ASSERT_TRUE(reply.has_value());
-    EXPECT_EQ(test::compact(*reply), R"({"msg_id":3})");
-    platformparam_stop(1);
+    EXPECT_EQ(test::compact(reply.value_or("")), R"({"msg_id":3})");
 }
 
 TEST(Lifecycle, ClientRoleLoadsNothing)
 {
-    test::TempDir dir;
-    dir.use_as_profile();
     para_profile.client = 1;
-    g_sync_runs = 0;
-    lib_system_hook = count_sync;
-    platformparam_init();
+    Started lib;
     EXPECT_EQ(module_para_handle_num, 0);
     EXPECT_EQ(platformparam_save(), 0);
-    EXPECT_EQ(g_sync_runs, 0);
+    EXPECT_EQ(syncs, 0);
     EXPECT_EQ(platformparam_stop(1), 0);
-    lib_system_hook = nullptr;
 }
 
-namespace {
-std::atomic<int> g_ext_saves{0};
-std::atomic<int> g_ext_due{0};
-int ext_need(char*) { return g_ext_due; }
-int ext_save(char*)
-{
-    ++g_ext_saves;
-    g_ext_due = 0;
-    return 1; // reported as a failure
-}
-} // namespace
-
+// A row that says it is due is saved by the worker's sweep even when the port
+// could not be bound; a failing save is logged and still syncs.
 TEST(Lifecycle, SweepSavesDueRowsWithoutSocket)
 {
-    // A row that says it is due is saved by the worker's sweep even when the
-    // port could not be bound; a failing save is logged and still syncs.
-    test::TempDir dir;
-    dir.use_as_profile();
     int blocker = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_ANY);
-    ASSERT_EQ(bind(blocker, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     socklen_t len = sizeof a;
+    ASSERT_EQ(bind(blocker, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     getsockname(blocker, reinterpret_cast<sockaddr*>(&a), &len);
-    para_server_port = ntohs(a.sin_port); // taken: the bind must fail
-
     // The extra row goes in before "end", so it counts as built in.
     module_para_handle[18] = module_para_handle[17];
-    module_para_handle[17] = module_para_handle_s{const_cast<char*>("late_row"), nullptr, nullptr,
-                                                  nullptr, nullptr, ext_need, ext_save};
+    module_para_handle[17] = module_para_handle_s{const_cast<char*>("late_row"), nullptr, nullptr, nullptr,
+        nullptr, [](char*) { return ext_due.load(); }, [](char*) { return ext_saves++, ext_due = 0, 1; }};
     test::LogCapture log(6);
-    g_sync_runs = 0;
-    lib_system_hook = count_sync;
-    platformparam_init();
-    EXPECT_TRUE(log.contains("bind error ret = -1"));
-    EXPECT_EQ(para_server_bound_port(), -1);
-    EXPECT_EQ(module_para_handle_num, 23);
-    g_ext_due = 1;
-    EXPECT_TRUE(test::wait_until([] { return g_ext_saves == 1; }, 2000));
-    platformparam_stop(1);
+    {
+        test::TempDir dir;
+        dir.use_as_profile();
+        para_server_port = ntohs(a.sin_port), syncs = 0, lib_system_hook = count_sync; // taken: bind fails
+        platformparam_init();
+        EXPECT_TRUE(log.contains("bind error ret = -1"));
+        EXPECT_EQ(para_server_bound_port(), -1);
+        EXPECT_EQ(module_para_handle_num, 23);
+        ext_due = 1;
+        EXPECT_TRUE(test::wait_until([] { return ext_saves == 1; }, 2000));
+        platformparam_stop(1);
+    }
     EXPECT_TRUE(log.contains("late_row save err"));
-    EXPECT_GE(g_sync_runs, 1);
-    lib_system_hook = nullptr;
+    EXPECT_GE(syncs, 1);
     close(blocker);
 }

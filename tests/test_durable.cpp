@@ -20,9 +20,8 @@
 
 namespace {
 
-struct ByName {
-    template <typename T> std::string operator()(const T& info) const { return info.param.name; }
-};
+template <typename T> std::string by_name(const ::testing::TestParamInfo<T>& info) { return info.param.name; }
+#define DURABLE_SUITE(prefix, Suite, rows) INSTANTIATE_TEST_SUITE_P(prefix, Suite, ::testing::ValuesIn(rows), by_name<Suite::ParamType>)
 
 const std::string kData = std::string(PARA_SOURCE_DIR) + "/tests/data/durable/";
 const char* const kModules[] = {"video0", "isp0", "audio", "af", "misc", "cam", "netport", "overlay", "ndi_config"};
@@ -57,24 +56,15 @@ void start(test::TempDir& dir)
 void change_all(int k)
 {
     auto v = [k](int old_value, int new_value) { return k == 1 ? old_value : new_value; };
-    para_set_video_gop_cur(0, v(250, 25));
-    para_set_video_gop_cur(1, v(260, 26));
-    para_set_isp_bright_cur(0, v(93, 9));
-    para_set_isp_bright_cur(1, v(83, 8));
-    para_set_audio_volLeftIn_cur(v(91, 9));
-    para_set_audio_volRightIn_cur(v(92, 2));
-    para_set_af_focus_value_cur(v(450, 45));
-    para_set_af_zoom_value_cur(v(250, 25));
-    para_set_json_cur("misc", "vi_framerate", v(50, 5));
-    para_set_json_cur("misc", "ezoom_limit", v(12, 3));
-    para_set_json_cur("cam", "level", v(77, 7));
-    para_set_json_cur("cam", "mode", v(1, 2));
-    for (const char* conf : {"netport", "overlay", "ndi_config"}) {
-        para_conf_set_member(conf, "crash_a", v(1, 0) ? "1000" : "2");
-        para_conf_set_member(conf, "crash_b", v(1, 0) ? "2000" : "3");
-    }
-    para_set_odm_int(const_cast<char*>("crash_a"), v(1000, 2));
-    para_set_odm_int(const_cast<char*>("crash_b"), v(2000, 3));
+    para_set_video_gop_cur(0, v(250, 25)), para_set_video_gop_cur(1, v(260, 26));
+    para_set_isp_bright_cur(0, v(93, 9)), para_set_isp_bright_cur(1, v(83, 8));
+    para_set_audio_volLeftIn_cur(v(91, 9)), para_set_audio_volRightIn_cur(v(92, 2));
+    para_set_af_focus_value_cur(v(450, 45)), para_set_af_zoom_value_cur(v(250, 25));
+    para_set_json_cur("misc", "vi_framerate", v(50, 5)), para_set_json_cur("misc", "ezoom_limit", v(12, 3));
+    para_set_json_cur("cam", "level", v(77, 7)), para_set_json_cur("cam", "mode", v(1, 2));
+    for (const char* conf : {"netport", "overlay", "ndi_config"})
+        para_conf_set_member(conf, "crash_a", v(1, 0) ? "1000" : "2"), para_conf_set_member(conf, "crash_b", v(1, 0) ? "2000" : "3");
+    para_set_odm_int(const_cast<char*>("crash_a"), v(1000, 2)), para_set_odm_int(const_cast<char*>("crash_b"), v(2000, 3));
 }
 
 /* What a fresh process loads: each module's reply to ["all"], and odm. */
@@ -92,9 +82,7 @@ std::map<std::string, std::string> loaded(test::TempDir& dir)
 template <typename F> int in_child(F body)
 {
     pid_t pid = fork();
-    if (pid == 0)
-        body(), _exit(0);
-    int st = 0;
+    int st = pid == 0 ? (body(), _exit(0), 0) : 0;
     waitpid(pid, &st, 0);
     return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
@@ -150,7 +138,7 @@ TEST_P(CrashPoints, EveryModuleKeepsAllOldOrAllNewValues)
 }
 
 const CrashCase kCrashCases[] = {{"kill", false, 1}, {"enospc", false, 2}, {"kill_old_misc", true, 1}, {"enospc_old_misc", true, 2}};
-INSTANTIATE_TEST_SUITE_P(Sweep, CrashPoints, ::testing::ValuesIn(kCrashCases), ByName());
+DURABLE_SUITE(Sweep, CrashPoints, kCrashCases);
 
 std::string plain(const std::string& d) { return test::write_file(d + "/f", "old"), d + "/f"; }
 
@@ -195,8 +183,7 @@ TEST_P(Targets, ReplaceWhatThePathNamesOrRefuse)
     if (st == 3)
         GTEST_SKIP() << "not permitted here";
     struct stat ls {}, hs {};
-    lstat(path.c_str(), &ls);
-    stat(holder.c_str(), &hs);
+    lstat(path.c_str(), &ls), stat(holder.c_str(), &hs);
     if (t.holder) {
         EXPECT_EQ(st, 0);
         EXPECT_EQ(test::read_file(holder), "new");
@@ -208,7 +195,7 @@ TEST_P(Targets, ReplaceWhatThePathNamesOrRefuse)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Durable, Targets, ::testing::ValuesIn(kTargets), ByName());
+DURABLE_SUITE(Durable, Targets, kTargets);
 
 struct Fault { const char* name; int limit; }; // RLIMIT_FSIZE, or 0: ENOSPC at the write
 class Faults : public ::testing::TestWithParam<Fault> {};
@@ -245,63 +232,52 @@ TEST_P(Faults, OldFileStaysAndTheSaveIsRetried)
               0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Durable, Faults, ::testing::Values(Fault{"fsize", 64}, Fault{"enospc", 0}), ByName());
+const Fault kFaults[] = {{"fsize", 64}, {"enospc", 0}};
+DURABLE_SUITE(Durable, Faults, kFaults);
 
-// The read-only file taken away (or made unparsable with '!'), the current file.
-struct Unloaded { const char* name; const char* remove; const char* rw_file; };
-const Unloaded kUnloaded[] = {
-    {"misc_no_ro_conf", "misc.conf", "misc.conf"},
-    {"json_no_range", "cam_range.json", "cam.conf"},
-    {"json_bad_range", "!cam_range.json", "cam.conf"},
-    {"video_no_range", "video_range.json", "video_cur.json"},
+/* A current file its module did not load (read-only file taken away, or
+ * made unparsable with '!') stays as it is; a damaged one is set aside as
+ * .bad (replacing older evidence) before the first save replaces it. */
+struct Leftover { const char* name; const char* ro; const char* file; std::string content; };
+const std::string kUnloaded = "level=7\nmode=off\n";
+const Leftover kLeftovers[] = {
+    {"misc_no_ro_conf", "misc.conf", "misc.conf", kUnloaded},
+    {"json_no_range", "cam_range.json", "cam.conf", kUnloaded},
+    {"json_bad_range", "!cam_range.json", "cam.conf", kUnloaded},
+    {"video_no_range", "video_range.json", "video_cur.json", kUnloaded},
+    {"video_cut", "", "video_cur.json", "{\n\t\"video0\":\t{\n\t\t\"gop\":\t1"},
+    {"audio_zeroed", "", "audio_cur.json", std::string(64, '\0')},
+    {"isp_not_json", "", "isp_cur.json", "isp0 bright=3\n"},
+    {"af_empty", "", "af_cur.json", ""},
+    {"odm_cut", "", "persist/odm.json", "{\"version\":1,\"a"},
+    {"misc_old_cut", "", "misc_cur.json", "{\"vi_frame"}, // the older layout
 };
-class Unloads : public ::testing::TestWithParam<Unloaded> {};
+class Leftovers : public ::testing::TestWithParam<Leftover> {};
 
-TEST_P(Unloads, StopLeavesTheCurrentFile)
+TEST_P(Leftovers, StayWhenUnloadedAndAreSetAsideWhenDamaged)
 {
     test::TempDir dir;
-    make_device(dir, false);
-    std::string ro = GetParam().remove;
-    ro[0] == '!' ? test::write_file(dir.ro() + "/" + ro.substr(1), "{ not json")
-                 : void(unlink((dir.ro() + "/" + ro).c_str()));
-    std::string rw = dir.rw() + "/" + GetParam().rw_file, text = "level=7\nmode=off\n";
-    test::write_file(rw, text);
-    in_child([&] { start(dir), platformparam_stop(1); });
-    EXPECT_EQ(test::read_file(rw), text);
-}
-
-INSTANTIATE_TEST_SUITE_P(Durable, Unloads, ::testing::ValuesIn(kUnloaded), ByName());
-
-struct Damaged { const char* name; const char* file; std::string content; }; // misc_cur.json: older layout
-const Damaged kDamaged[] = {
-    {"video_cut", "video_cur.json", "{\n\t\"video0\":\t{\n\t\t\"gop\":\t1"},
-    {"audio_zeroed", "audio_cur.json", std::string(64, '\0')},
-    {"isp_not_json", "isp_cur.json", "isp0 bright=3\n"},
-    {"af_empty", "af_cur.json", ""},
-    {"odm_cut", "persist/odm.json", "{\"version\":1,\"a"},
-    {"misc_old_cut", "misc_cur.json", "{\"vi_frame"},
-};
-class Damages : public ::testing::TestWithParam<Damaged> {};
-
-TEST_P(Damages, KeptAsideBeforeTheFirstSave)
-{
-    test::TempDir dir;
-    make_device(dir, std::string(GetParam().file) == "misc_cur.json");
+    const Leftover& c = GetParam();
+    std::string ro = c.ro, path = dir.rw() + "/" + c.file;
+    bool damaged = ro.empty();
+    make_device(dir, std::string(c.file) == "misc_cur.json");
     mkdir((dir.rw() + "/persist").c_str(), 0775);
-    std::string path = dir.rw() + "/" + GetParam().file;
-    test::write_file(path + ".bad", "older evidence");
-    test::write_file(path, GetParam().content);
+    if (!damaged)
+        ro[0] == '!' ? test::write_file(dir.ro() + "/" + ro.substr(1), "{ not json") : void(unlink((dir.ro() + "/" + ro).c_str()));
+    else
+        test::write_file(path + ".bad", "older evidence");
+    test::write_file(path, c.content);
     EXPECT_EQ(in_child([&] {
                   test::LogCapture log(PARA_ERR);
                   start(dir), para_set_odm_int(const_cast<char*>("x"), 1), platformparam_stop(1);
-                  _exit(log.contains(path + ".bad") ? 0 : 1);
+                  _exit(!damaged || log.contains(path + ".bad") ? 0 : 1);
               }),
               0);
-    EXPECT_EQ(test::read_file(path + ".bad"), GetParam().content);
-    EXPECT_NE(test::read_file(path), GetParam().content);
+    EXPECT_EQ(test::read_file(damaged ? path + ".bad" : path), c.content);
+    EXPECT_EQ(test::read_file(path) == c.content, !damaged);
 }
 
-INSTANTIATE_TEST_SUITE_P(Durable, Damages, ::testing::ValuesIn(kDamaged), ByName());
+DURABLE_SUITE(Durable, Leftovers, kLeftovers);
 
 /* A change every 1.5 s never lets the 2 s delay pass: it is saved once the
  * first unsaved change is 20 s old. Quiet changes keep the plain delay. */
@@ -320,8 +296,7 @@ TEST(Durable, ChangesComingTooOftenAreSavedWithinTenDelays)
     c.take(), c.mark();
     para::clock_offset_ns += 1900000000;
     EXPECT_FALSE(c.due(2000));
-    para::clock_offset_ns += 100000000;
-    EXPECT_TRUE(c.due(2000));
+    EXPECT_TRUE((para::clock_offset_ns += 100000000, c.due(2000)));
 }
 
 /* save_cur_video_param_delay(msec) saves a change exactly msec old, and
