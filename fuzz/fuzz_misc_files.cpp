@@ -1,22 +1,11 @@
 // "misc" files: the older range layout converted, an older value file
 // loaded into a store, and the JSON module's tree readers and requests on
 // a module loaded from the example device.
-#include "support.h"
-
-#include <sys/stat.h>
-
-#include <cstdlib>
-#include <cstring>
-
-#include "para_internal.h"
+#include "harness.h"
 
 namespace {
 
-const char kMisc[] = "misc";
-
-// The converted range tree stays in use until the next input: the
-// conversion points the module's layout version at it.
-para::JsonPtr range_in_use;
+char kMisc[] = "misc";
 
 // The typed readers of one object member, and the by-key functions of the
 // loaded module for the member's key.
@@ -24,10 +13,11 @@ void read_member(cJSON* obj, cJSON* item)
 {
     const char* key = item->string;
     int number = 0;
-    json_object_load_number(obj, key, &number);
     uint8_t bytes[4];
-    json_object_load_u8_array(obj, key, bytes, sizeof bytes);
     char* text = nullptr;
+    char buf[8];
+    json_object_load_number(obj, key, &number);
+    json_object_load_u8_array(obj, key, bytes, sizeof bytes);
     json_object_load_string(obj, key, &text, "def");
     std::free(text);
     json_object_get_int(item);
@@ -35,22 +25,19 @@ void read_member(cJSON* obj, cJSON* item)
     peek_array_enum_type(item);
     para_get_item_str(item);
     para_get_json_item_number(kMisc, item, key);
-
     peek_json_enum_type(kMisc, key);
     para_get_json_min(kMisc, key);
     para_get_json_max(kMisc, key);
     para_get_json_def(kMisc, key);
     para_get_json_cur(kMisc, key);
-    char buf[8];
     para_get_json_string(kMisc, key, buf, sizeof buf);
-    const int index = para::json_int(item);
-    if (const char* name = para_get_json_emum_str(kMisc, key, index))
+    if (const char* name = para_get_json_emum_str(kMisc, key, para::json_int(item)))
         (void)std::strlen(name);
     if (cJSON_IsString(item)) {
         para_get_json_enum_index(kMisc, key, item->valuestring);
         para_set_json_cur_str(kMisc, key, item->valuestring);
     } else {
-        para_set_json_cur_number(kMisc, key, index);
+        para_set_json_cur_number(kMisc, key, para::json_int(item));
     }
 }
 
@@ -58,10 +45,9 @@ void read_member(cJSON* obj, cJSON* item)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fuzz::quiet();
     fuzz::use_example_device();
     para_init_misc(const_cast<char*>("json"));
-    para_init_misc(const_cast<char*>(kMisc));
+    para_init_misc(kMisc);
     if (para_get_json_max(kMisc, "mirror") != 1)
         std::abort(); // the example device loads
     return 0;
@@ -70,25 +56,26 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static fuzz::MemFile file("misc-values");
-    para::JsonPtr json(cJSON_ParseWithLength(reinterpret_cast<const char*>(data), size));
+    // The converted range tree stays in use until the next input: the
+    // conversion points the module's layout version at it.
+    static para::JsonPtr range_in_use;
+    para::JsonPtr json = fuzz::parse(data, size);
     if (!json)
         return 0;
-
     range_in_use.reset(fix_old_misc_range_conf(json.get()));
     std::free(cJSON_PrintUnformatted(range_in_use.get()));
-
     file.assign(data, size);
     fuzz::Store values;
-    fix_old_misc_def_cur_conf(file.path(), values.s);
+    fix_old_misc_def_cur_conf(file.path, values.s);
 
     for (cJSON* item = json->child; item; item = item->next) {
         if (!item->string)
             continue;
         read_member(json.get(), item);
         void* out = nullptr;
-        para_get_misc_opt(item->string, item, &out, const_cast<char*>(kMisc));
+        para_get_misc_opt(item->string, item, &out, kMisc);
         fuzz::print_and_free(static_cast<cJSON*>(out));
-        para_set_misc_opt(item->string, item, const_cast<char*>(kMisc));
+        para_set_misc_opt(item->string, item, kMisc);
     }
     cJSON* all = cJSON_CreateObject();
     Create_Json_Misc_Object(kMisc, all, 0);
