@@ -18,18 +18,14 @@ Entries entries_of(configure* s)
     return out;
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) { return fuzz::quiet(), 0; }
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
-    static fuzz::MemFile in("conf-in"), out("conf-out");
+    static const std::string in = std::string(fuzz::temp_dir()) + "/in.conf", out = in + ".out";
     static char buf[64 * 1024];
-    in.assign(data, size);
+    fuzz::write_text(in, std::string(reinterpret_cast<const char*>(data), size));
     fuzz::Store store, again;
-    if (configure_parse(store.s, nullptr, in.path) != 0)
-        std::abort(); // an in-memory file is always readable
+    if (configure_parse(store.s, nullptr, in.c_str()) != 0)
+        std::abort(); // the file was just written
 
     // Keys also come from requests: every value read is offered back as a
     // key. Whatever the store takes, its file must carry.
@@ -52,8 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     store.s->loop(store.s, loop_2_conf, f);
     std::fclose(f);
     const std::string text(para::CharPtr(text_buf).get(), text_len);
-    out.assign(text.data(), text.size());
-    configure_parse(again.s, nullptr, out.path);
+    fuzz::write_text(out, text);
+    configure_parse(again.s, nullptr, out.c_str());
     if (entries_of(again.s) != want) {
         std::fprintf(stderr, "loop_2_conf round trip changed the store:\n%s", text.c_str());
         std::abort();
@@ -63,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // its terminator, and reports a shortage, in bounds, when it has not.
     const int needed = static_cast<int>(text.size()) + 1;
     if (text.size() + 1 > sizeof buf)
-        return 0;
+        return;
     buf[0] = '\0'; // callers clear the buffer: an empty store writes nothing
     loop_buf_s fits{buf, needed, 0, 0}, shy{buf, needed - 1, 0, 0};
     store.s->loop(store.s, loop_2_buf, &fits);
@@ -73,5 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         store.s->loop(store.s, loop_2_buf, &shy);
     if (needed > 1 && (shy.ret == 0 || shy.used >= needed - 1))
         std::abort();
-    return 0;
 }
+
+} // namespace
+
+FUZZ_TARGET(fuzz::quiet, one)

@@ -42,9 +42,7 @@ int cmd_fail(int, para_server_message_info*, cJSON**) { return -1; }
 int cmd_silent(int, para_server_message_info*, cJSON**) { return 0; }
 param_handle_t commands[] = {{"getStatus", cmd_status, 0}, {"setReboot", cmd_fail, 0}, {"netInfo", cmd_silent, 0}};
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void init()
 {
     fuzz::use_example_device();
     para_profile.conf_save = 1;
@@ -57,10 +55,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     sockaddr_in unused;
     reply_from = local_socket(&unused);
     reply_to = local_socket(&reply_addr);
-    return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
     static para_server_message_info info;
     static char drained[70000];
@@ -72,5 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     para_server_message_Process(&info);
     while (recv(reply_to, drained, sizeof drained, MSG_DONTWAIT) >= 0) {
     }
-    return 0;
 }
+
+} // namespace
+
+FUZZ_TARGET(init, one)

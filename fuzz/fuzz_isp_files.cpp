@@ -50,40 +50,38 @@ void by_name_and_style(const cJSON* item, int isp, int index)
     para_set_isp_style_def_index(isp, index);
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void init()
 {
     fuzz::use_example_device();
     if (para_init_isp(const_cast<char*>("isp0")) != 0 || !para_get_isp_style_string(1, 0))
         std::abort(); // the example device loads
-    return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
     para::JsonPtr json = fuzz::parse(data, size);
     if (!json)
-        return 0;
+        return;
     walk(json.get());
-    for (cJSON* item = json->child; item; item = item->next) {
-        if (!item->string)
-            continue;
+    fuzz::each_item(json.get(), [](cJSON* item) {
         void* out = nullptr;
         para_get_isp_opt(item->string, item, &out, item->string);
-        fuzz::print_and_free(static_cast<cJSON*>(out));
+        fuzz::print_reply(out);
         para_set_isp_opt(item->string, item, item->string);
         const int number = para::json_int(item);
         for (int isp = -1; isp <= PARA_ISP_NUM; ++isp)
             by_name_and_style(item, isp, number);
         para_set_isp_antiflicker_def(number & 3, number);
         para_set_isp_style_def(number & 3, number);
-    }
+    });
     for (int isp = -1; isp <= PARA_ISP_NUM; ++isp) {
         fuzz::print_and_free(Create_Json_ISPObject(isp, 0));
         fuzz::print_and_free(Create_Json_ISPObject(isp, 1));
     }
     if (size % 7 == 0)
         para_isp_cur_restore_isp_def();
-    return 0;
 }
+
+} // namespace
+
+FUZZ_TARGET(init, one)

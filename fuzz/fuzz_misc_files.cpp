@@ -41,47 +41,44 @@ void read_member(cJSON* obj, cJSON* item)
     }
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void init()
 {
     fuzz::use_example_device();
     para_init_misc(const_cast<char*>("json"));
     para_init_misc(kMisc);
     if (para_get_json_max(kMisc, "mirror") != 1)
         std::abort(); // the example device loads
-    return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
-    static fuzz::MemFile file("misc-values");
+    static const std::string values_file = std::string(fuzz::temp_dir()) + "/misc-values";
     // The converted range tree stays in use until the next input: the
     // conversion points the module's layout version at it.
     static para::JsonPtr range_in_use;
     para::JsonPtr json = fuzz::parse(data, size);
     if (!json)
-        return 0;
+        return;
     range_in_use.reset(fix_old_misc_range_conf(json.get()));
     std::free(cJSON_PrintUnformatted(range_in_use.get()));
-    file.assign(data, size);
+    fuzz::write_text(values_file, std::string(reinterpret_cast<const char*>(data), size));
     fuzz::Store values;
-    fix_old_misc_def_cur_conf(file.path, values.s);
-
-    for (cJSON* item = json->child; item; item = item->next) {
-        if (!item->string)
-            continue;
+    fix_old_misc_def_cur_conf(values_file.c_str(), values.s);
+    fuzz::each_item(json.get(), [&](cJSON* item) {
         read_member(json.get(), item);
         void* out = nullptr;
         para_get_misc_opt(item->string, item, &out, kMisc);
-        fuzz::print_and_free(static_cast<cJSON*>(out));
+        fuzz::print_reply(out);
         para_set_misc_opt(item->string, item, kMisc);
-    }
+    });
     cJSON* all = cJSON_CreateObject();
     Create_Json_Misc_Object(kMisc, all, 0);
     Create_Json_Misc_Object(kMisc, all, 1);
     fuzz::print_and_free(all);
     char text[512];
     para_save_misc_conf_2_buf(kMisc, text, sizeof text);
-    return 0;
 }
+
+} // namespace
+
+FUZZ_TARGET(init, one)

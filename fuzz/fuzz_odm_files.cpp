@@ -33,27 +33,21 @@ void by_key(cJSON* item)
     }
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void init()
 {
     fuzz::quiet();
     rw = fuzz::temp_dir();
     mkdir((rw + "/persist").c_str(), 0755);
     para_profile.param_rwfile_dir = rw.data();
-    return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
     fuzz::write_text(rw + (size % 2 ? "/isp_odm.json" : "/persist/odm.json"),
                      std::string(reinterpret_cast<const char*>(data), size));
     para_init_odm(kOdm);
     para_init_stage2_odm(kOdm);
-    if (para::JsonPtr json = fuzz::parse(data, size))
-        for (cJSON* item = json->child; item; item = item->next)
-            if (item->string)
-                by_key(item);
+    fuzz::each_item(fuzz::parse(data, size).get(), by_key);
 
     const std::string saved = printed_store();
     para_save_odm(kOdm);
@@ -63,5 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                      printed_store().c_str());
         std::abort();
     }
-    return 0;
 }
+
+} // namespace
+
+FUZZ_TARGET(init, one)

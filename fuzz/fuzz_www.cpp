@@ -35,16 +35,13 @@ void convert(const std::string& text, int err_size)
     }
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void init()
 {
     fuzz::quiet();
     para_config = fuzz::load_example_json("www2json.json");
-    return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
     const std::string input(reinterpret_cast<const char*>(data), size);
     if (!input.empty() && input[0] == '{') {
@@ -53,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         convert(input, static_cast<int>(size % 8));
         if (para::JsonPtr reply = fuzz::parse(data, size))
             reverse(reply.get());
-        return 0;
+        return;
     }
     // The form text of a write; the walker itself has no length limit.
     para::JsonPtr set(cJSON_CreateObject());
@@ -61,5 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     cJSON_AddStringToObject(set.get(), "data", input.c_str());
     if (para::JsonPtr req{set_http2json(set.get())})
         reverse(req.get());
-    return 0;
 }
+
+} // namespace
+
+FUZZ_TARGET(init, one)

@@ -1,6 +1,5 @@
 #include "harness.h"
 
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,19 +103,6 @@ void print_and_free(cJSON* json)
     cJSON_Delete(json);
 }
 
-MemFile::MemFile(const char* name) : fd(memfd_create(name, MFD_CLOEXEC))
-{
-    if (fd < 0)
-        fail("memfd_create");
-    std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
-}
-
-void MemFile::assign(const void* data, size_t size)
-{
-    if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
-        fail("memfd write");
-}
-
 void typed_init(const TypedTarget& t)
 {
     static std::string ro = std::string(temp_dir()) + "/ro";
@@ -136,11 +122,11 @@ void typed_init(const TypedTarget& t)
         std::abort(); // the example device loads
 }
 
-int typed_one(const TypedTarget& t, const uint8_t* data, size_t size)
+void typed_one(const TypedTarget& t, const uint8_t* data, size_t size)
 {
     para::JsonPtr json = parse(data, size);
     if (!json)
-        return 0;
+        return;
     for (auto walk : t.walkers)
         walk(json.get());
     for (int r = -1; t.object && r <= t.records; ++r)
@@ -148,16 +134,14 @@ int typed_one(const TypedTarget& t, const uint8_t* data, size_t size)
 
     // Every top-level item as a request under its own key, then a read of
     // everything each record holds now.
-    for (cJSON* item = json->child; item; item = item->next) {
-        if (!item->string)
-            continue;
+    each_item(json.get(), [&](cJSON* item) {
         void* out = nullptr;
         t.get_opt(item->string, item, &out, item->string);
-        print_and_free(static_cast<cJSON*>(out));
+        print_reply(out);
         if (t.set_opt)
             t.set_opt(item->string, item, item->string);
         members_by_name(t, item);
-    }
+    });
     for (int r = 0; r < t.records; ++r) {
         char key[32];
         std::snprintf(key, sizeof key, t.record_key, r);
@@ -166,10 +150,9 @@ int typed_one(const TypedTarget& t, const uint8_t* data, size_t size)
         cJSON_AddItemToArray(all, cJSON_CreateString("all"));
         void* out = nullptr;
         t.get_opt(all->string, all, &out, all->string);
-        print_and_free(static_cast<cJSON*>(out));
+        print_reply(out);
     }
     t.page();
-    return 0;
 }
 
 } // namespace fuzz

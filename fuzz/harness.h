@@ -32,13 +32,15 @@ struct Store { // a configure store that frees itself
     ~Store() { configure_free(s); }
 };
 
-// An anonymous in-memory file; path() names it for fopen.
-struct MemFile {
-    explicit MemFile(const char* name);
-    void assign(const void* data, size_t size);
-    int fd;
-    char path[64];
-};
+// Calls f on every top-level item that has a key.
+template <class F> void each_item(cJSON* json, F f)
+{
+    for (cJSON* item = json ? json->child : nullptr; item; item = item->next)
+        if (item->string)
+            f(item);
+}
+// Prints a module's answer to a request, frees it.
+inline void print_reply(void* out) { print_and_free(static_cast<cJSON*>(out)); }
 
 struct TypedTarget {
     const char* record_key; // request key of record %d
@@ -57,13 +59,16 @@ struct TypedTarget {
     bool (*ready)(void); // checked once after loading, or null
 };
 void typed_init(const TypedTarget& t);
-int typed_one(const TypedTarget& t, const uint8_t* data, size_t size);
+void typed_one(const TypedTarget& t, const uint8_t* data, size_t size);
 
 } // namespace fuzz
 
-#define FUZZ_TYPED_ENTRY_POINTS(target)                                                            \
-    extern "C" int LLVMFuzzerInitialize(int*, char***) { return fuzz::typed_init(target), 0; }     \
-    extern "C" int LLVMFuzzerTestOneInput(const uint8_t* d, size_t n) { return fuzz::typed_one(target, d, n); }
+// The libFuzzer entry points: init() once, one(data, size) per input.
+#define FUZZ_TARGET(init, one)                                                                     \
+    extern "C" int LLVMFuzzerInitialize(int*, char***) { return init(), 0; }                       \
+    extern "C" int LLVMFuzzerTestOneInput(const uint8_t* d, size_t n) { return one(d, n), 0; }
+#define FUZZ_TYPED_ENTRY_POINTS(t)                                                                 \
+    FUZZ_TARGET([] { fuzz::typed_init(t); }, [](const uint8_t* d, size_t n) { fuzz::typed_one(t, d, n); })
 
 // A flat module: one record, by-name access through para_get_<tag>_member_json.
 #define FUZZ_FLAT_TYPED_TARGET(tag, set_opt, set_member)                                           \
