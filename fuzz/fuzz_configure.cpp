@@ -22,7 +22,7 @@ void one(const uint8_t* data, size_t size)
 {
     static const std::string in = std::string(fuzz::temp_dir()) + "/in.conf", out = in + ".out";
     static char buf[64 * 1024];
-    fuzz::write_text(in, std::string(reinterpret_cast<const char*>(data), size));
+    fuzz::write_text(in, fuzz::text(data, size));
     fuzz::Store store, again;
     if (configure_parse(store.s, nullptr, in.c_str()) != 0)
         std::abort(); // the file was just written

@@ -19,9 +19,7 @@ sockaddr_in reply_addr{};
 int local_socket(sockaddr_in* a)
 {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    *a = sockaddr_in{};
-    a->sin_family = AF_INET;
-    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    *a = sockaddr_in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof *a;
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(a), sizeof *a) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(a), &len) != 0)

@@ -64,10 +64,7 @@ void one(const uint8_t* data, size_t size)
         return;
     walk(json.get());
     fuzz::each_item(json.get(), [](cJSON* item) {
-        void* out = nullptr;
-        para_get_isp_opt(item->string, item, &out, item->string);
-        fuzz::print_reply(out);
-        para_set_isp_opt(item->string, item, item->string);
+        fuzz::request(para_get_isp_opt, para_set_isp_opt, item, item->string);
         const int number = para::json_int(item);
         for (int isp = -1; isp <= PARA_ISP_NUM; ++isp)
             by_name_and_style(item, isp, number);

@@ -61,15 +61,12 @@ void one(const uint8_t* data, size_t size)
         return;
     range_in_use.reset(fix_old_misc_range_conf(json.get()));
     std::free(cJSON_PrintUnformatted(range_in_use.get()));
-    fuzz::write_text(values_file, std::string(reinterpret_cast<const char*>(data), size));
+    fuzz::write_text(values_file, fuzz::text(data, size));
     fuzz::Store values;
     fix_old_misc_def_cur_conf(values_file.c_str(), values.s);
     fuzz::each_item(json.get(), [&](cJSON* item) {
         read_member(json.get(), item);
-        void* out = nullptr;
-        para_get_misc_opt(item->string, item, &out, kMisc);
-        fuzz::print_reply(out);
-        para_set_misc_opt(item->string, item, kMisc);
+        fuzz::request(para_get_misc_opt, para_set_misc_opt, item, kMisc);
     });
     cJSON* all = cJSON_CreateObject();
     Create_Json_Misc_Object(kMisc, all, 0);

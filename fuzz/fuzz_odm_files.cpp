@@ -44,7 +44,7 @@ void init()
 void one(const uint8_t* data, size_t size)
 {
     fuzz::write_text(rw + (size % 2 ? "/isp_odm.json" : "/persist/odm.json"),
-                     std::string(reinterpret_cast<const char*>(data), size));
+                     fuzz::text(data, size));
     para_init_odm(kOdm);
     para_init_stage2_odm(kOdm);
     fuzz::each_item(fuzz::parse(data, size).get(), by_key);

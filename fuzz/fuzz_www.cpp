@@ -43,7 +43,7 @@ void init()
 
 void one(const uint8_t* data, size_t size)
 {
-    const std::string input(reinterpret_cast<const char*>(data), size);
+    const std::string input = fuzz::text(data, size);
     if (!input.empty() && input[0] == '{') {
         // A datagram of the web server, and a reply tree to turn back.
         convert(input, 1024);

@@ -65,11 +65,7 @@ const char* temp_dir()
     return created_dir.c_str();
 }
 
-void quiet()
-{
-    dbgout_profile.para_level = 0;
-    dbgout_profile.lib_level = 0;
-}
+void quiet() { dbgout_profile.para_level = dbgout_profile.lib_level = 0; }
 
 void use_example_device()
 {
@@ -135,11 +131,7 @@ void typed_one(const TypedTarget& t, const uint8_t* data, size_t size)
     // Every top-level item as a request under its own key, then a read of
     // everything each record holds now.
     each_item(json.get(), [&](cJSON* item) {
-        void* out = nullptr;
-        t.get_opt(item->string, item, &out, item->string);
-        print_reply(out);
-        if (t.set_opt)
-            t.set_opt(item->string, item, item->string);
+        request(t.get_opt, t.set_opt, item, item->string);
         members_by_name(t, item);
     });
     for (int r = 0; r < t.records; ++r) {
@@ -148,9 +140,7 @@ void typed_one(const TypedTarget& t, const uint8_t* data, size_t size)
         para::JsonPtr req(cJSON_CreateObject());
         cJSON* all = cJSON_AddArrayToObject(req.get(), key);
         cJSON_AddItemToArray(all, cJSON_CreateString("all"));
-        void* out = nullptr;
-        t.get_opt(all->string, all, &out, all->string);
-        print_reply(out);
+        request(t.get_opt, nullptr, all, all->string);
     }
     t.page();
 }

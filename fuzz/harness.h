@@ -22,6 +22,7 @@ cJSON* load_example_json(const char* name); // aborts when it cannot
 void write_text(const std::string& path, const std::string& text);
 // Prints a tree (the printer runs on everything handed out), frees it.
 void print_and_free(cJSON* json);
+inline std::string text(const uint8_t* data, size_t size) { return {reinterpret_cast<const char*>(data), size}; }
 inline para::JsonPtr parse(const uint8_t* data, size_t size)
 {
     return para::JsonPtr(cJSON_ParseWithLength(reinterpret_cast<const char*>(data), size));
@@ -39,8 +40,16 @@ template <class F> void each_item(cJSON* json, F f)
         if (item->string)
             f(item);
 }
-// Prints a module's answer to a request, frees it.
-inline void print_reply(void* out) { print_and_free(static_cast<cJSON*>(out)); }
+// The item as a request under its own key: the answer printed, then the write.
+inline void request(int (*get)(char*, void*, void**, char*), int (*set)(char*, void*, char*), cJSON* item,
+                    char* parse_name)
+{
+    void* out = nullptr;
+    get(item->string, item, &out, parse_name);
+    print_and_free(static_cast<cJSON*>(out));
+    if (set)
+        set(item->string, item, parse_name);
+}
 
 struct TypedTarget {
     const char* record_key; // request key of record %d
