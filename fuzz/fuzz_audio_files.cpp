@@ -1,4 +1,5 @@
-// Audio parameter files: walkers on a parsed input, then requests.
-#include "typed_harness.h"
+// Audio parameter files.
+#include "harness.h"
 
-FUZZ_FLAT_TYPED_TARGET(audio, para_set_audio_opt, para_set_audio_member_json)
+FUZZ_FLAT_TYPED_TARGET(audio, para_set_audio_opt,
+                       [](char* n, int, int v, char* t) { return para_set_audio_member_json(n, v, t); })

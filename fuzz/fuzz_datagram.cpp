@@ -1,76 +1,47 @@
 // One request datagram through the message server of a running library
 // (example device, current values in a temporary directory). Replies go to
 // a local socket of our own and are drained.
-#include "support.h"
+#include "harness.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
-#include "para_internal.h"
-
 namespace {
 
-int reply_from = -1; // the socket replies leave through
-int reply_to = -1;   // where they arrive
+int reply_from = -1, reply_to = -1; // the socket replies leave through, and where they arrive
 sockaddr_in reply_addr{};
 
-int local_socket(sockaddr_in* addr)
+int local_socket(sockaddr_in* a)
 {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-        std::perror("reply socket");
+    *a = sockaddr_in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof *a;
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(a), sizeof *a) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(a), &len) != 0)
         std::abort();
-    }
-    if (addr)
-        *addr = a;
     return fd;
-}
-
-void drain()
-{
-    char buf[70000];
-    while (recv(reply_to, buf, sizeof buf, MSG_DONTWAIT) >= 0) {
-    }
 }
 
 // API commands, so the command path has something to find: one answers
 // with a tree, one fails, one answers nothing.
 int cmd_status(int type, para_server_message_info* info, cJSON** out)
 {
-    cJSON* reply = cJSON_CreateObject();
-    cJSON_AddNumberToObject(reply, "type", type);
-    cJSON_AddNumberToObject(reply, "len", static_cast<double>(std::strlen(info->buffer)));
-    *out = reply;
+    *out = cJSON_CreateObject();
+    cJSON_AddNumberToObject(*out, "type", type);
+    cJSON_AddNumberToObject(*out, "len", static_cast<double>(std::strlen(info->buffer)));
     return 0;
 }
-int cmd_fail(int, para_server_message_info*, cJSON**)
-{
-    return -1;
-}
-int cmd_silent(int, para_server_message_info*, cJSON**)
-{
-    return 0;
-}
-param_handle_t commands[] = {
-    {"getStatus", cmd_status, 0},
-    {"setReboot", cmd_fail, 0},
-    {"netInfo", cmd_silent, 0},
-};
+int cmd_fail(int, para_server_message_info*, cJSON**) { return -1; }
+int cmd_silent(int, para_server_message_info*, cJSON**) { return 0; }
+param_handle_t commands[] = {{"getStatus", cmd_status, 0}, {"setReboot", cmd_fail, 0}, {"netInfo", cmd_silent, 0}};
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void init()
 {
-    fuzz::quiet();
     fuzz::use_example_device();
     para_profile.conf_save = 1;
     // Nobody sends to the server's own socket, so its worker only runs the
@@ -79,21 +50,25 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     platformparam_set_save_param_time(3600 * 1000, 3600 * 1000);
     register_param_command(const_cast<char*>("fuzz"), commands, 3);
     platformparam_init();
-
-    reply_from = local_socket(nullptr);
+    sockaddr_in unused;
+    reply_from = local_socket(&unused);
     reply_to = local_socket(&reply_addr);
-    return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
     static para_server_message_info info;
-    const size_t n = size < sizeof info.buffer - 1 ? size : sizeof info.buffer - 1;
+    static char drained[70000];
+    const size_t n = std::min(size, sizeof info.buffer - 1);
     std::memcpy(info.buffer, data, n);
     info.buffer[n] = '\0';
     info.fd = reply_from;
     info.addressRec = reply_addr;
     para_server_message_Process(&info);
-    drain();
-    return 0;
+    while (recv(reply_to, drained, sizeof drained, MSG_DONTWAIT) >= 0) {
+    }
 }
+
+} // namespace
+
+FUZZ_TARGET(init, one)

@@ -1,18 +1,14 @@
 // Factory store: the input as "persist/odm.json" (or as the older
 // "isp_odm.json" that start-up moves there), loaded, read and written by
 // key, saved and loaded again, which must give back what was saved.
-#include "support.h"
+#include "harness.h"
 
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <cstring>
-
-#include "para_internal.h"
-
 namespace {
 
-std::string rw, store_file, old_file;
+std::string rw;
+char kOdm[] = "odmInter";
 
 std::string printed_store()
 {
@@ -24,10 +20,9 @@ void by_key(cJSON* item)
 {
     char* key = item->string;
     int number = 0;
+    char text[PARA_ODM_STRING_MAX], small[4];
     para_get_odm_int(key, &number);
-    char text[PARA_ODM_STRING_MAX];
     para_get_odm_string(key, text);
-    char small[4];
     para_get_odm_string_safe(key, small, sizeof small);
     if (cJSON_IsString(item)) {
         _para_set_odm_string(key, item->valuestring);
@@ -38,38 +33,32 @@ void by_key(cJSON* item)
     }
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+void init()
 {
     fuzz::quiet();
     rw = fuzz::temp_dir();
-    store_file = rw + "/persist/odm.json";
-    old_file = rw + "/isp_odm.json";
     mkdir((rw + "/persist").c_str(), 0755);
     para_profile.param_rwfile_dir = rw.data();
-    return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void one(const uint8_t* data, size_t size)
 {
-    fuzz::write_text(size % 2 ? old_file : store_file, fuzz::as_text(data, size));
-    para_init_odm(const_cast<char*>("odmInter"));
-    para_init_stage2_odm(const_cast<char*>("odmInter"));
-
-    if (para::JsonPtr json{cJSON_ParseWithLength(reinterpret_cast<const char*>(data), size)}) {
-        for (cJSON* item = json->child; item; item = item->next)
-            if (item->string)
-                by_key(item);
-    }
+    fuzz::write_text(rw + (size % 2 ? "/isp_odm.json" : "/persist/odm.json"),
+                     fuzz::text(data, size));
+    para_init_odm(kOdm);
+    para_init_stage2_odm(kOdm);
+    fuzz::each_item(fuzz::parse(data, size).get(), by_key);
 
     const std::string saved = printed_store();
-    para_save_odm(const_cast<char*>("odmInter"));
-    para_init_odm(const_cast<char*>("odmInter"));
+    para_save_odm(kOdm);
+    para_init_odm(kOdm);
     if (printed_store() != saved) {
         std::fprintf(stderr, "factory store changed across save and load:\n%s\n%s\n", saved.c_str(),
                      printed_store().c_str());
         std::abort();
     }
-    return 0;
 }
+
+} // namespace
+
+FUZZ_TARGET(init, one)
