@@ -27,7 +27,8 @@ PACKAGES := \
   libcpp-httplib-dev \
   chromium \
   chromium-driver \
-  python3-selenium
+  python3-selenium \
+  valgrind
 
 .PHONY: all deps configure build run test test-asan test-tsan bench clean deb deb-arm64 web coverage test-size
 
