@@ -38,6 +38,12 @@ std::string keys(Args& v, int (*f)(const char*, const char**, uint8_t))
         k.push_back(v[i].c_str());
     return std::to_string(f(v[0].c_str(), k.data(), static_cast<uint8_t>(k.size())));
 }
+para::JsonPtr g_json; // the tree of the latest call, kept while the call runs
+cJSON* pj(Args& v)
+{
+    g_json.reset(a(v, 0) ? cJSON_Parse(a(v, 0)) : nullptr);
+    return g_json.get();
+}
 configure* g_cfg;
 const char* g_held;
 std::string dump(configure* c)
@@ -137,6 +143,16 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"hold", V(g_held = para_conf_get_member(a(v, 0), a(v, 1)))},
     {"held", [](Args&) { return s(g_held); }},
     {"rm", I(std::remove(v.at(0).c_str()))},
+    {"json_object_get_int", I(json_object_get_int(cJSON_GetObjectItem(pj(v), a(v, 1))))},
+    {"json_object_get_string", [](Args& v) { return s(json_object_get_string(cJSON_GetObjectItem(pj(v), a(v, 1)))); }},
+    {"json_object_load_number", [](Args& v) { int x = 0; int r = json_object_load_number(pj(v), a(v, 1), &x); return std::to_string(r) + " " + std::to_string(x); }},
+    {"json_object_load_u8_array", [](Args& v) {
+         uint8_t b[8] = {};
+         std::string out = std::to_string(json_object_load_u8_array(pj(v), a(v, 1), b, n(v, 2)));
+         for (int i = 0; i < n(v, 2); ++i)
+             out += " " + std::to_string(b[i]);
+         return out; }},
+    {"json_object_load_string", [](Args& v) { char* t = v.size() > 3 ? strdup(a(v, 3)) : nullptr; int r = json_object_load_string(pj(v), a(v, 1), &t, a(v, 2)); std::string out = std::to_string(r) + " " + s(t); free(t); return out; }},
     {"exists", I(test::file_exists(v.at(0)))},
     {"put", V(test::write_file(v.at(0), v.at(1)))},
     {"size", I(test::read_file(v.at(0)).value_or("").size())},
