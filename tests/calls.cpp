@@ -44,6 +44,7 @@ cJSON* pj(Args& v)
     g_json.reset(a(v, 0) ? cJSON_Parse(a(v, 0)) : nullptr);
     return g_json.get();
 }
+std::pair<const void*, std::string> g_setter; // the function the latest member callback named
 configure* g_cfg;
 const char* g_held;
 std::string dump(configure* c)
@@ -153,9 +154,17 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
              out += " " + std::to_string(b[i]);
          return out; }},
     {"json_object_load_string", [](Args& v) { char* t = v.size() > 3 ? strdup(a(v, 3)) : nullptr; int r = json_object_load_string(pj(v), a(v, 1), &t, a(v, 2)); std::string out = std::to_string(r) + " " + s(t); free(t); return out; }},
+    {"record_setter", [](Args&) { para_profile.misc_caller = [](char*, const void* f, char* k, int) { g_setter = {f, k}; }; return std::string(); }},
+    {"setter", [](Args&) {
+         const std::pair<const void*, const char*> names[] = {{reinterpret_cast<const void*>(&para_set_json_cur), "para_set_json_cur"},
+             {reinterpret_cast<const void*>(&para_set_misc_mirror_cur), "para_set_misc_mirror_cur"},
+             {reinterpret_cast<const void*>(&para_set_misc_hdmivideoformat_cur), "para_set_misc_hdmivideoformat_cur"}};
+         for (auto& [f, name] : names)
+             if (f == g_setter.first)
+                 return name + (" " + g_setter.second);
+         return std::string(g_setter.first ? "(other)" : "(none)"); }},
     {"exists", I(test::file_exists(v.at(0)))},
     {"put", V(test::write_file(v.at(0), v.at(1)))},
-    {"size", I(test::read_file(v.at(0)).value_or("").size())},
     {"stamp", V(g_inodes[v.at(0)] = inode(v[0].c_str()))}, // "same" then tells whether the file was replaced
     {"same", I(g_inodes[v.at(0)] == inode(v[0].c_str()))},
     {"cfg_parse", I(configure_parse(g_cfg ? g_cfg : (g_cfg = configure_init()), nullptr, a(v, 0)))},
