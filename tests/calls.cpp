@@ -163,6 +163,7 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
              if (f == g_setter.first)
                  return name + (" " + g_setter.second);
          return std::string(g_setter.first ? "(other)" : "(none)"); }},
+    {"mkdir", I(mkdir(v.at(0).c_str(), 0775))},
     {"exists", I(test::file_exists(v.at(0)))},
     {"put", V(test::write_file(v.at(0), v.at(1)))},
     {"stamp", V(g_inodes[v.at(0)] = inode(v[0].c_str()))}, // "same" then tells whether the file was replaced
