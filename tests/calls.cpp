@@ -46,6 +46,8 @@ cJSON* pj(Args& v)
 }
 std::pair<const void*, std::string> g_setter; // the function the latest member callback named
 configure* g_cfg;
+config_keys* g_keys;
+entry* g_entry;
 const char* g_held;
 std::string dump(configure* c)
 {
@@ -61,7 +63,7 @@ ino_t inode(const char* p)
     return stat(p, &st) == 0 ? st.st_ino : 0;
 }
 #define I(e) [](Args & v) { (void)v; return std::to_string(e); }
-#define V(e) [](Args & v) { e; return std::string(); }
+#define V(...) [](Args & v) { (void)v; __VA_ARGS__; return std::string(); }
 const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"para_init_conf", V(para_init_conf(a(v, 0)))},
     {"para_init_misc", V(para_init_misc(a(v, 0)))},
@@ -168,7 +170,19 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"put", V(test::write_file(v.at(0), v.at(1)))},
     {"stamp", V(g_inodes[v.at(0)] = inode(v[0].c_str()))}, // "same" then tells whether the file was replaced
     {"same", I(g_inodes[v.at(0)] == inode(v[0].c_str()))},
-    {"cfg_parse", I(configure_parse(g_cfg ? g_cfg : (g_cfg = configure_init()), nullptr, a(v, 0)))},
+    {"cfg_parse", I(configure_parse(g_cfg ? g_cfg : (g_cfg = configure_init()), v.size() > 1 ? g_keys + n(v, 1) : nullptr, a(v, 0)))},
+    {"cfg_free", V(configure_free(g_cfg), g_cfg = nullptr)},
+    {"cfg_keys", [](Args& v) { static std::vector<std::string> names; names = v; std::vector<const char*> k; for (auto& x : names) k.push_back(x.c_str()); g_keys = config_keys_format(k.data(), static_cast<uint8_t>(k.size())); return std::string(); }},
+    {"cfg_changed", I(configure_key_IsChanged(g_cfg, g_keys))},
+    {"cfg_hold", V(g_entry = g_cfg->getparameter(g_cfg, a(v, 0)))},
+    {"cfg_held", [](Args&) { return s(g_entry->value); }},
+    {"cfg_grow", V(for (int i = 0; i < n(v, 0); ++i) g_cfg->put(g_cfg, ("k" + std::to_string(i)).c_str(), "v"))}, // reallocates the entries
+    {"cat_file_name", [](Args& v) { return buf(n(v, 2), [&](char* b) { return cat_file_name(b, n(v, 2), a(v, 0), a(v, 1)); }); }},
+    {"make_path", [](Args& v) { char b[PARA_PATH_MAX]; int r = para::make_path(b, a(v, 0), a(v, 1), a(v, 2)); return std::to_string(r) + " " + b; }},
+    {"read_file_to_buf_len", [](Args& v) { size_t len = 0; para::CharPtr t(read_file_to_buf_len(a(v, 0), &len)); return t ? std::to_string(len) + " " + t.get() : "(none)"; }},
+    {"lib_itoa", [](Args& v) { char b[12]; return s(lib_itoa(n(v, 0), b)); }},
+    {"lib_common_diff_msec_timespec", [](Args& v) { timespec x{n(v, 0), n(v, 1)}, y{n(v, 2), n(v, 3)}; return std::to_string(lib_common_diff_msec_timespec(&x, &y)); }},
+    {"lib_system", I(lib_system(a(v, 0)))},
     {"cfg_put", I(g_cfg->put(g_cfg, a(v, 0), a(v, 1)))},
     {"cfg_get", [](Args& v) { return buf(n(v, 1), [&](char* b) { return g_cfg->get(g_cfg, a(v, 0), b, n(v, 1)); }); }},
     {"cfg_dump", [](Args&) { return std::to_string(g_cfg->list.used) + " " + dump(g_cfg); }},
