@@ -143,6 +143,8 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"update_line_conf", I(update_line_conf(a(v, 0), a(v, 1), a(v, 2)))},
     {"update_line_conf_int", I(update_line_conf_int(a(v, 0), a(v, 1), n(v, 2), a(v, 3)))},
     {"update_line_conf_str", I(update_line_conf_str(a(v, 0), a(v, 1), a(v, 2), a(v, 3)))},
+    {"para_conf_need_update", I(para_conf_need_update(a(v, 0)))},
+    {"conf_grow", V(for (int i = 0; i < n(v, 1); ++i) _para_conf_set_member(a(v, 0), ("k" + std::to_string(i)).c_str(), "v"))},
     {"hold", V(g_held = para_conf_get_member(a(v, 0), a(v, 1)))},
     {"held", [](Args&) { return s(g_held); }},
     {"rm", I(std::remove(v.at(0).c_str()))},
