@@ -104,13 +104,9 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"Create_Json_Misc_Object", [](Args& v) { para::JsonPtr o(cJSON_CreateObject()); Create_Json_Misc_Object(a(v, 0), o.get(), n(v, 1)); return js(o.get()); }},
     {"fix_old_misc_range_conf", [](Args& v) { para::JsonPtr in(cJSON_Parse(a(v, 0) ? a(v, 0) : "")); return js(para::JsonPtr(fix_old_misc_range_conf(in.get())).get()); }},
     {"fix_old_misc_def_cur_conf", [](Args& v) { configure* c = configure_init(); int r = fix_old_misc_def_cur_conf(a(v, 0), c); std::string d = dump(c); configure_free(c); return std::to_string(r) + " " + d; }},
-    {"para_init_misc_legacy", [](Args& v) {
-         configure *cur = nullptr, *def = nullptr;
-         cJSON* range = nullptr;
-         int r = para_init_misc_legacy(a(v, 0), &cur, &def, &range);
+    {"para_init_misc_legacy", [](Args& v) { configure *cur = nullptr, *def = nullptr; cJSON* range = nullptr; int r = para_init_misc_legacy(a(v, 0), &cur, &def, &range);
          std::string out = std::to_string(r) + " " + js(range) + " " + (cur ? dump(cur) : "(none)");
-         configure_free(cur), configure_free(def), cJSON_Delete(range);
-         return out; }},
+         return configure_free(cur), configure_free(def), cJSON_Delete(range), out; }},
     {"para_get_misc_mirror_cur", I(para_get_misc_mirror_cur())},
     {"para_get_misc_mirror_def", I(para_get_misc_mirror_def())},
     {"para_get_misc_flip_cur", I(para_get_misc_flip_cur())},
@@ -151,21 +147,14 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"json_object_get_int", I(json_object_get_int(cJSON_GetObjectItem(pj(v), a(v, 1))))},
     {"json_object_get_string", [](Args& v) { return s(json_object_get_string(cJSON_GetObjectItem(pj(v), a(v, 1)))); }},
     {"json_object_load_number", [](Args& v) { int x = 0; int r = json_object_load_number(pj(v), a(v, 1), &x); return std::to_string(r) + " " + std::to_string(x); }},
-    {"json_object_load_u8_array", [](Args& v) {
-         uint8_t b[8] = {};
-         std::string out = std::to_string(json_object_load_u8_array(pj(v), a(v, 1), b, n(v, 2)));
-         for (int i = 0; i < n(v, 2); ++i)
-             out += " " + std::to_string(b[i]);
+    {"json_object_load_u8_array", [](Args& v) { uint8_t b[8] = {}; std::string out = std::to_string(json_object_load_u8_array(pj(v), a(v, 1), b, n(v, 2)));
+         for (int i = 0; i < n(v, 2); ++i) out += " " + std::to_string(b[i]);
          return out; }},
     {"json_object_load_string", [](Args& v) { char* t = v.size() > 3 ? strdup(a(v, 3)) : nullptr; int r = json_object_load_string(pj(v), a(v, 1), &t, a(v, 2)); std::string out = std::to_string(r) + " " + s(t); free(t); return out; }},
     {"record_setter", [](Args&) { para_profile.misc_caller = [](char*, const void* f, char* k, int) { g_setter = {f, k}; }; return std::string(); }},
-    {"setter", [](Args&) {
-         const std::pair<const void*, const char*> names[] = {{reinterpret_cast<const void*>(&para_set_json_cur), "para_set_json_cur"},
-             {reinterpret_cast<const void*>(&para_set_misc_mirror_cur), "para_set_misc_mirror_cur"},
-             {reinterpret_cast<const void*>(&para_set_misc_hdmivideoformat_cur), "para_set_misc_hdmivideoformat_cur"}};
-         for (auto& [f, name] : names)
-             if (f == g_setter.first)
-                 return name + (" " + g_setter.second);
+    {"setter", [](Args&) { // the name of the setter the latest member callback named, and its key
+         for (auto [f, name] : {std::pair<const void*, const char*>{(void*)&para_set_json_cur, "para_set_json_cur"}, {(void*)&para_set_misc_mirror_cur, "para_set_misc_mirror_cur"}, {(void*)&para_set_misc_hdmivideoformat_cur, "para_set_misc_hdmivideoformat_cur"}})
+             if (f == g_setter.first) return name + (" " + g_setter.second);
          return std::string(g_setter.first ? "(other)" : "(none)"); }},
     {"mkdir", I(mkdir(v.at(0).c_str(), 0775))},
     {"exists", I(test::file_exists(v.at(0)))},

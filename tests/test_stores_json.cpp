@@ -1,6 +1,7 @@
 // JSON-described modules ("example" stands for any module of the JSON
-// pattern list other than "misc") and the cJSON helpers, as scenarios of
-// tests/data/stores_json; the trace of bad trees here.
+// pattern list other than "misc"), "misc" in its newer (misc.conf) and older
+// (misc_def.json / misc_cur.json) layouts and the cJSON helpers, as scenarios
+// of tests/data/stores_json and stores_misc; the trace of bad trees here.
 #include <gtest/gtest.h>
 
 #include "para_internal.h"
@@ -10,6 +11,9 @@
 class StoresJson : public ::testing::TestWithParam<std::string> {};
 TEST_P(StoresJson, Scenario) { scenario::run("stores_json", GetParam(), false); }
 INSTANTIATE_TEST_SUITE_P(Files, StoresJson, ::testing::ValuesIn(scenario::list("stores_json")));
+class StoresMisc : public ::testing::TestWithParam<std::string> {};
+TEST_P(StoresMisc, Scenario) { scenario::run("stores_misc", GetParam(), false); }
+INSTANTIATE_TEST_SUITE_P(Files, StoresMisc, ::testing::ValuesIn(scenario::list("stores_misc")));
 
 TEST(JsonUtil, PrintSafeNamesBadTrees)
 {
