@@ -11,6 +11,8 @@
 //   has FILE TEXT / bytes FILE TEXT  rw/FILE contains / is exactly TEXT
 //   log TEXT                       some log line so far contains TEXT
 //   $ TOOL ARGS / status N OUTPUT  run a built tool; its exit status and output
+//   call FUNC ARGS                 call a library function (calls.cpp); its answer is the reply
+//   until ANSWER FUNC ARGS         within 3 s the call answers ANSWER
 #include "scenario.h"
 
 #include "para_internal.h"
@@ -27,6 +29,7 @@
 #include <sstream>
 
 namespace scenario {
+std::string call(const std::string& line, const std::string& dir);
 namespace {
 
 std::mutex events_mu;
@@ -61,6 +64,7 @@ void record_callbacks()
         event(std::string("misc member ") + f + " " + k + " " + std::to_string(v));
     };
     p.conf_caller_in = [](char* f, const char* k) { event(std::string("conf member ") + f + " " + k); };
+    p.odm_caller = [](void* k) { event(std::string("odm member ") + static_cast<char*>(k)); };
     p.para_version_conflict = [](char* f, int from, int to) {
         event(std::string("conflict ") + f + " " + std::to_string(from) + "->" + std::to_string(to));
     };
@@ -244,6 +248,11 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
             EXPECT_EQ(ran.out, unescape(rest));
         } else if (op == "log") {
             EXPECT_TRUE(log.contains(rest)) << log.dump();
+        } else if (op == "call") {
+            reply = call(rest, tmp.path());
+        } else if (op == "until") {
+            std::string want = word(rest);
+            EXPECT_TRUE(test::wait_until([&] { return call(rest, tmp.path()) == want; }, 3000)) << call(rest, tmp.path());
         } else {
             FAIL() << "unknown step";
         }

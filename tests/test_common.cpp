@@ -1,15 +1,28 @@
 // The common service stand-in: trace output, path joining, the configure
-// store and the deferred-work queue.
+// store, the deferred-work queue and line updates of the host application's
+// own key = value files; single-threaded cases are scenarios of
+// tests/data/common and conf_lines.
 #include <gtest/gtest.h>
 
 #include "para_internal.h"
+#include "scenario.h"
 #include "support.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <random>
-#include <string>
 #include <thread>
 #include <vector>
+
+class CommonScenario : public ::testing::TestWithParam<std::string> {};
+TEST_P(CommonScenario, Runs) { scenario::run("common", GetParam(), false); }
+INSTANTIATE_TEST_SUITE_P(Files, CommonScenario, ::testing::ValuesIn(scenario::list("common")));
+class ConfLineScenario : public ::testing::TestWithParam<std::string> {};
+TEST_P(ConfLineScenario, Runs) { scenario::run("conf_lines", GetParam(), false); }
+INSTANTIATE_TEST_SUITE_P(Files, ConfLineScenario, ::testing::ValuesIn(scenario::list("conf_lines")));
 
 TEST(Trace, LevelFilterPrefixAndLineFeed)
 {
@@ -35,155 +48,6 @@ TEST(Trace, LevelFilterPrefixAndLineFeed)
     ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(log.lines()[0].back(), '\n');
     EXPECT_LT(log.lines()[0].size(), 4097u);
-}
-
-TEST(Files, CatFileNameAndReadFile)
-{
-    char buf[16];
-    EXPECT_EQ(cat_file_name(buf, sizeof buf, "/a", "b.json"), 9);
-    EXPECT_STREQ(buf, "/a/b.json");
-    cat_file_name(buf, sizeof buf, "/a/", "b");
-    EXPECT_STREQ(buf, "/a/b");
-    cat_file_name(buf, sizeof buf, nullptr, "b");
-    EXPECT_STREQ(buf, "b");
-    EXPECT_EQ(cat_file_name(buf, sizeof buf, "/a/long/dir", "name.json"), -1);
-    EXPECT_STREQ(buf, "");
-
-    char path[PARA_PATH_MAX];
-    EXPECT_FALSE(para::make_path(path, std::string(125, 'd').c_str(), "x", ".json"));
-    EXPECT_STREQ(path, "");
-
-    test::TempDir dir;
-    std::string bin("a\0b", 3);
-    test::write_file(dir.path() + "/f", bin);
-    size_t len = 0;
-    char* text = read_file_to_buf_len((dir.path() + "/f").c_str(), &len);
-    ASSERT_NE(text, nullptr);
-    EXPECT_EQ(len, 3u);
-    EXPECT_EQ(text[3], '\0');
-    free(text);
-    EXPECT_EQ(read_file_to_buf((dir.path() + "/missing").c_str()), nullptr);
-
-    char num[12];
-    EXPECT_STREQ(lib_itoa(-2147483647 - 1, num), "-2147483648");
-    timespec a{10, 900000000}, b{12, 100000000};
-    EXPECT_EQ(lib_common_diff_msec_timespec(&a, &b), 1200);
-    EXPECT_EQ(lib_system("exit 3"), 3);
-}
-
-TEST(Configure, ParsesBothLineFormsAndReadsBackWhatItWrites)
-{
-    test::TempDir dir;
-    std::string p = dir.path() + "/a.conf";
-    test::write_file(p, "# comment\n\nip=10.0.0.2\nname = \"cam one\"\n  spaced =  x y  \r\nnoequals\n=novalue\n"
-                        "empty=\nquoted=\"\"\n");
-    configure* s = configure_init();
-    ASSERT_EQ(configure_parse(s, nullptr, p.c_str()), 0);
-    char buf[256];
-    EXPECT_EQ(s->get(s, "ip", buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "10.0.0.2");
-    s->get(s, "name", buf, sizeof buf);
-    EXPECT_STREQ(buf, "cam one");
-    s->get(s, "spaced", buf, sizeof buf);
-    EXPECT_STREQ(buf, "x y");
-    EXPECT_EQ(s->get(s, "empty", buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "");
-    EXPECT_NE(s->get(s, "noequals", buf, sizeof buf), 0);
-    EXPECT_EQ(s->list.used, 5u);
-
-    // Values that the bare form would not carry come back quoted.
-    EXPECT_EQ(s->put(s, "lead", " blank"), 1);
-    EXPECT_EQ(s->put(s, "q", "\"x\""), 1);
-    EXPECT_EQ(s->put(s, "lead", " blank"), 0);
-    EXPECT_EQ(s->put(s, "bad", "two\nlines"), -1);
-    EXPECT_EQ(s->put(s, std::string(256, 'k').c_str(), "v"), -1);
-    EXPECT_EQ(s->put(s, "k", std::string(255, 'v').c_str()), 1);
-
-    std::string out = dir.path() + "/out.conf";
-    FILE* f = fopen(out.c_str(), "w");
-    s->loop(s, loop_2_conf, f);
-    fclose(f);
-    configure* back = configure_init();
-    ASSERT_EQ(configure_parse(back, nullptr, out.c_str()), 0);
-    ASSERT_EQ(back->list.used, s->list.used);
-    for (uint32_t i = 0; i < s->list.used; ++i) {
-        EXPECT_STREQ(back->list.ptr[i].key, s->list.ptr[i].key);
-        EXPECT_STREQ(back->list.ptr[i].value, s->list.ptr[i].value) << s->list.ptr[i].key;
-    }
-    configure_free(back);
-
-    // get into a buffer that is too small: refused, text cut and terminated.
-    char small[4];
-    EXPECT_NE(s->get(s, "name", small, sizeof small), 0);
-    EXPECT_STREQ(small, "cam");
-    configure_free(s);
-    configure* empty = configure_init();
-    EXPECT_EQ(configure_parse(empty, nullptr, (dir.path() + "/none").c_str()), -1);
-    configure_free(empty);
-}
-
-TEST(Configure, LoopToBufferStopsWhenFull)
-{
-    configure* s = configure_init();
-    s->put(s, "a", "1");
-    s->put(s, "b", "22");
-    char buf[16];
-    loop_buf_s lb{buf, sizeof buf, 0, 0};
-    s->loop(s, loop_2_buf, &lb);
-    EXPECT_EQ(lb.ret, 0);
-    EXPECT_STREQ(buf, "a=1\nb=22\n");
-    EXPECT_EQ(lb.used, 9);
-    // Exactly one byte short of room for the terminator.
-    char tight[9];
-    loop_buf_s lt{tight, sizeof tight, 0, 0};
-    s->loop(s, loop_2_buf, &lt);
-    EXPECT_NE(lt.ret, 0);
-    EXPECT_EQ(lt.used, 4);
-    configure_free(s);
-}
-
-TEST(Configure, ChangedKeysAfterReparse)
-{
-    test::TempDir dir;
-    std::string p = dir.path() + "/n.conf";
-    test::write_file(p, "a=1\nb=2\nc=3\n");
-    configure* s = configure_init();
-    configure_parse(s, nullptr, p.c_str());
-    const char* names[] = {"a", "b", "c"};
-    config_keys* keys = config_keys_format(names, 3);
-    // First load marks everything; draining clears the marks.
-    while (configure_key_IsChanged(s, keys) >= 0) {
-    }
-    test::write_file(p, "a=1\nb=2\nc=4\n");
-    configure_parse(s, nullptr, p.c_str());
-    EXPECT_EQ(configure_key_IsChanged(s, keys), 2);
-    EXPECT_EQ(configure_key_IsChanged(s, keys), -1);
-    // A filter limits what a parse takes.
-    test::write_file(p, "a=9\nb=9\n");
-    configure_parse(s, keys + 1, p.c_str());
-    char buf[8];
-    s->get(s, "a", buf, sizeof buf);
-    EXPECT_STREQ(buf, "1");
-    s->get(s, "b", buf, sizeof buf);
-    EXPECT_STREQ(buf, "9");
-    free(keys);
-    configure_free(s);
-}
-
-TEST(Configure, EntriesHandedOutSurviveGrowth)
-{
-    configure* s = configure_init();
-    s->put(s, "ip", "10.0.0.1");
-    entry* held = s->getparameter(s, "ip");
-    ASSERT_NE(held, nullptr);
-    for (int i = 0; i < 100; ++i) // several reallocations of the entry array
-        s->put(s, ("k" + std::to_string(i)).c_str(), "v");
-    EXPECT_STREQ(held->value, "10.0.0.1"); // a freed array fails here under ASan
-    char buf[16];
-    ASSERT_EQ(s->get(s, "ip", buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "10.0.0.1");
-    EXPECT_EQ(s->list.used, 101u);
-    configure_free(s);
 }
 
 TEST(Configure, ConcurrentWritersAndReaders)
@@ -237,6 +101,43 @@ TEST(FifoWork, TriggeredRecordsRunOnTheQueueThread)
     EXPECT_EQ(fifo_work_trigger(nullptr, nullptr), 2);
     fifo_work_drain();
     EXPECT_EQ(runs.load(), 103);
+}
+
+TEST(ConfLines, RewriteKeepsModeAndLinkAndLeavesNoTemporaryFile)
+{
+    test::TempDir dir;
+    std::string file = dir.path() + "/host.conf", link = dir.path() + "/link.conf";
+    test::write_file(file, "a=1\n");
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+    EXPECT_EQ(update_line_conf(&link[0], const_cast<char*>("a"), const_cast<char*>("a=2")), 0);
+    EXPECT_EQ(test::read_file(file), "a=2\n");
+    struct stat st{};
+    ASSERT_EQ(lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    int entries = 0;
+    DIR* d = opendir(dir.path().c_str());
+    while (dirent* e = readdir(d))
+        entries += e->d_name[0] != '.';
+    closedir(d);
+    EXPECT_EQ(entries, 4) << "ro, rw, host.conf, link.conf";
+}
+
+TEST(ConfLines, ConcurrentWritersLoseNoUpdate)
+{
+    test::TempDir dir;
+    std::string file = dir.path() + "/host.conf";
+    test::write_file(file, "a=0\nb=0\n");
+    auto writer = [&](const char* key) {
+        for (int i = 1; i <= 150; ++i)
+            ASSERT_EQ(update_line_conf_int(&file[0], const_cast<char*>(key), i, const_cast<char*>("%s=%d")), 0);
+    };
+    std::thread ta(writer, "a"), tb(writer, "b");
+    ta.join();
+    tb.join();
+    EXPECT_EQ(test::read_file(file), "a=150\nb=150\n");
 }
 
 namespace {
