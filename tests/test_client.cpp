@@ -5,14 +5,11 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstring>
 #include <functional>
 #include <thread>
 
@@ -22,9 +19,7 @@ struct Receiver {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     Receiver()
     {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = inet_addr("127.0.0.1");
+        sockaddr_in a{AF_INET, 0, {inet_addr("127.0.0.1")}, {}};
         socklen_t len = sizeof a;
         bind(fd, reinterpret_cast<sockaddr*>(&a), len);
         getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
@@ -32,8 +27,7 @@ struct Receiver {
         Send_Initial();
     }
     ~Receiver() { close(fd); }
-    // One datagram, or "" when none arrives in time.
-    std::string next(int timeout_ms = 1000)
+    std::string next(int timeout_ms) // "" when none comes in time
     {
         pollfd p{fd, POLLIN, 0};
         char buf[512];
@@ -42,7 +36,7 @@ struct Receiver {
     }
 };
 
-// The 76 bytes of a record, built field by field in native byte order.
+// The 76 bytes of a record, field by field in native byte order.
 std::string record(int32_t type, int32_t chn, int32_t value, std::string mod, std::string member, std::string text)
 {
     std::string out;
@@ -73,8 +67,8 @@ TEST(Client, DatagramsAreByteExact)
     EXPECT_TRUE(log.contains("no text for isp.style"));
 }
 
-// Every datagram leaves whole while hosts send from many threads and re-open
-// the socket meanwhile (run under ThreadSanitizer too).
+// Whole datagrams while hosts send from many threads and re-open the socket
+// meanwhile (run under ThreadSanitizer too).
 TEST(Client, ConcurrentSendersEachSendWholeDatagrams)
 {
     Receiver rx;
@@ -82,10 +76,7 @@ TEST(Client, ConcurrentSendersEachSendWholeDatagrams)
     for (int t = 0; t < 4; ++t)
         senders.emplace_back([t] {
             for (int i = 0; i < 300; ++i) {
-                if (i % 2)
-                    para_set_share_isp_skin_saturation_number(t, i);
-                else
-                    para_set_share_isp_skin_saturation_string(t, "text");
+                i % 2 ? para_set_share_isp_skin_saturation_number(t, i) : para_set_share_isp_skin_saturation_string(t, "x");
                 if (i % 50 == 0)
                     Send_Initial();
             }
@@ -102,18 +93,15 @@ TEST(Client, BadModuleAndMapNumbers)
 {
     para_share_set_name_prefix(("/para_share_t" + std::to_string(getpid()) + "_").c_str());
     test::LogCapture log;
-    EXPECT_EQ(para_share_register(-1), -1);
-    EXPECT_EQ(para_share_register(4), -1);
+    EXPECT_EQ(para_share_register(-1) + para_share_register(4), -2);
     EXPECT_EQ(log.count("ERROR: This mod is not exist!"), 2);
     EXPECT_EQ(para_get_share_map(4, 1), nullptr);
-    // Nothing published yet.
-    EXPECT_EQ(para_share_register(0), -1);
+    EXPECT_EQ(para_share_register(0), -1); // nothing published yet
     EXPECT_TRUE(log.contains("ERROR: main program don't register this share module"));
     EXPECT_EQ(para_get_share_map(0, 1), nullptr);
     EXPECT_EQ(para_client_send_socket(), -1);
     for (auto [mod, num, size] : {std::tuple{-1, 1, 1}, {1, 0, 8}, {1, 3, -1}, {1, 1 << 20, 1 << 20}})
         EXPECT_EQ(para_share_publish(mod, num, size), nullptr) << mod << " " << num << " " << size;
-
     auto* base = static_cast<char*>(para_share_publish(1, 3, 8));
     ASSERT_NE(base, nullptr);
     EXPECT_EQ(para_share_publish(1, 3, 8), base);
@@ -123,8 +111,7 @@ TEST(Client, BadModuleAndMapNumbers)
     EXPECT_EQ(para_get_share_map(1, 4), nullptr);
     EXPECT_EQ(log.count("ERROR: This share map is not exist!"), 2);
     EXPECT_EQ(para_get_share_map(1, 3), base + 12 + 16);
-    // A header that claims more than the object holds is not believed.
-    reinterpret_cast<dov_share_head_s*>(base)->num = 1000;
+    reinterpret_cast<dov_share_head_s*>(base)->num = 1000; // more than the object holds: not believed
     EXPECT_EQ(para_get_share_map(1, 4), nullptr);
     reinterpret_cast<dov_share_head_s*>(base)->num = 3;
     EXPECT_EQ(para_share_unpublish(1), 0);
@@ -138,17 +125,15 @@ TEST(Client, SharedMapAcrossProcesses)
 {
     para_share_set_name_prefix(("/para_share_f" + std::to_string(getpid()) + "_").c_str());
     int go[2], done[2];
+    char c;
     ASSERT_EQ(pipe(go) | pipe(done), 0);
     pid_t pid = fork();
-    ASSERT_GE(pid, 0);
     if (pid == 0) {
-        char c;
         int sock = read(go[0], &c, 1) == 1 && para_share_register(2) == 0 ? para_client_send_socket() : -1;
-        if (sock < 0 || para_share_register(2) != 0 || para_client_send_socket() != sock)
-            _exit(12);
         auto* two = static_cast<char*>(para_get_share_map(2, 2));
         auto* three = static_cast<char*>(para_get_share_map(2, 3));
-        if (!two || !three || std::strcmp(two, "second map") != 0)
+        if (sock < 0 || para_share_register(2) != 0 || para_client_send_socket() != sock || !two || !three ||
+            std::strcmp(two, "second map") != 0)
             _exit(13);
         std::strcpy(three, "client was here");
         _exit(write(done[1], "x", 1) == 1 ? 0 : 14);
@@ -157,7 +142,6 @@ TEST(Client, SharedMapAcrossProcesses)
     auto* base = static_cast<char*>(para_share_publish(2, 3, 32));
     ASSERT_NE(base, nullptr);
     std::strcpy(static_cast<char*>(para_get_share_map(2, 2)), "second map");
-    char c;
     ASSERT_EQ(write(go[1], "x", 1), 1);
     EXPECT_EQ(read(done[0], &c, 1), 1);
     int status = 0;
