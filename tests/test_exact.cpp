@@ -13,15 +13,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-class Scenarios : public ::testing::TestWithParam<std::string> {};
-
-TEST_P(Scenarios, Run)
-{
-    scenario::run("exact", GetParam(), false);
-}
-
-INSTANTIATE_TEST_SUITE_P(Exact, Scenarios, ::testing::ValuesIn(scenario::list("exact")),
-                         [](const auto& info) { return info.param; });
+SCENARIO_TESTS(ExactScenario, "exact", false);
 
 // The line feeds of a line are its format's: the trace adds none.
 TEST(Exact, TraceWritesWhatItIsGiven)
@@ -125,7 +117,7 @@ TEST(Exact, StartUpLosesNoMemory)
         GTEST_SKIP() << "valgrind is not available";
     auto r = test::run_command("valgrind --leak-check=full --errors-for-leak-kinds=definite --error-exitcode=9 " +
                                test::emulator_prefix() + PARA_BINARY_DIR "/tests/test_exact "
-                               "--gtest_filter=Exact/Scenarios.Run/logs_example");
+                               "--gtest_filter=Data/ExactScenario.Scenario/logs_example");
     EXPECT_EQ(r.out.find("are definitely lost"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("[  PASSED  ] 1 test."), std::string::npos) << r.out;
     EXPECT_EQ(r.status, 0) << r.out;
