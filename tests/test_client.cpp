@@ -4,7 +4,9 @@
 #include "support.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,7 +50,7 @@ std::string record(int32_t type, int32_t chn, int32_t value, std::string mod, st
 
 } // namespace
 
-TEST(Client, DatagramsAreByteExact)
+TEST(Client, DatagramsAreByteExactAndWhole)
 {
     const std::string a31(31, 'a'), c32(32, 'c');
     const std::pair<std::function<int()>, std::string> rows[] = {
@@ -65,13 +67,8 @@ TEST(Client, DatagramsAreByteExact)
         EXPECT_EQ(rx.next(want.empty() ? 100 : 1000), want);
     }
     EXPECT_TRUE(log.contains("no text for isp.style"));
-}
-
-// Whole datagrams while hosts send from many threads and re-open the socket
-// meanwhile (run under ThreadSanitizer too).
-TEST(Client, ConcurrentSendersEachSendWholeDatagrams)
-{
-    Receiver rx;
+    // Whole datagrams while hosts send from many threads and re-open the
+    // socket meanwhile (run under ThreadSanitizer too).
     std::vector<std::thread> senders;
     for (int t = 0; t < 4; ++t)
         senders.emplace_back([t] {
@@ -89,7 +86,7 @@ TEST(Client, ConcurrentSendersEachSendWholeDatagrams)
     EXPECT_GT(received, 0);
 }
 
-TEST(Client, BadModuleAndMapNumbers)
+TEST(Client, MapNumbersAndARepublishedMap)
 {
     para_share_set_name_prefix(("/para_share_t" + std::to_string(getpid()) + "_").c_str());
     test::LogCapture log;
@@ -117,6 +114,29 @@ TEST(Client, BadModuleAndMapNumbers)
     EXPECT_EQ(para_share_unpublish(1), 0);
     EXPECT_EQ(para_share_unpublish(1), -1);
     EXPECT_EQ(para_share_register(1), -1);
+
+    // Another application takes its map away and publishes a new one under
+    // the same name; a client that registered before follows.
+    const std::string name = "/para_share_t" + std::to_string(getpid()) + "_2";
+    auto publish = [&](const char* text) {
+        int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+        EXPECT_EQ(ftruncate(fd, 12 + 16), 0);
+        auto* head = static_cast<dov_share_head_s*>(mmap(nullptr, 28, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        close(fd);
+        *head = {0, 1, 16};
+        std::snprintf(reinterpret_cast<char*>(head + 1), 16, "%s", text);
+        head->flag = 1;
+        return head;
+    };
+    dov_share_head_s* first = publish("first");
+    ASSERT_EQ(para_share_register(2), 0);
+    EXPECT_STREQ(static_cast<char*>(para_get_share_map(2, 1)), "first");
+    first->flag = 0; // how the application takes a map away
+    shm_unlink(name.c_str());
+    publish("second");
+    EXPECT_STREQ(static_cast<char*>(para_get_share_map(2, 1)), "second");
+    EXPECT_EQ(para_share_register(2), 0);
+    shm_unlink(name.c_str());
 }
 
 // The client registers once the main side has published, reads map 2 and

@@ -59,9 +59,8 @@ TEST_P(Tools, CasesOfTheSection)
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
-        auto text = [&] { return test::read_file(log).value_or(""); };
-        EXPECT_TRUE(test::wait_until([&] { return text().find("paramd: serving") != std::string::npos; }, 5000))
-            << text();
+        auto up = [&] { return test::read_file(log).value_or("").find("paramd: serving") != std::string::npos; };
+        EXPECT_TRUE(test::wait_until(up, 5000)) << test::read_file(log).value_or("");
     } else if (sec.head == "host") {
         test::copy_dir_files(test::example_device_dir(), dir.ro());
         dir.use_as_profile();
@@ -79,10 +78,8 @@ TEST_P(Tools, CasesOfTheSection)
     }
     if (sec.head == "host")
         platformparam_stop(1);
-    if (paramd > 0) {
-        kill(paramd, SIGTERM);
+    if (paramd > 0 && kill(paramd, SIGTERM) == 0)
         waitpid(paramd, nullptr, 0);
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, Tools, testing::Range<size_t>(0, sections().size()), [](const auto& info) {
