@@ -17,10 +17,7 @@ struct Case {
     int line, exit;
     std::string pattern, command;
 };
-struct Section {
-    std::string head; // "none", "host", or "paramd ARGS"
-    std::vector<Case> cases;
-};
+using Section = std::pair<std::string, std::vector<Case>>; // head: "none", "host", or "paramd ARGS"
 
 const std::vector<Section>& sections()
 {
@@ -37,7 +34,7 @@ const std::vector<Section>& sections()
             else if (s.empty() || b == std::string::npos)
                 ADD_FAILURE() << "paramctl_cases.txt:" << n << ": malformed case";
             else
-                s.back().cases.push_back({n, std::stoi(l.substr(0, a)), l.substr(a + 3, b - a - 3), l.substr(b + 3)});
+                s.back().second.push_back({n, std::stoi(l.substr(0, a)), l.substr(a + 3, b - a - 3), l.substr(b + 3)});
         }
         return s;
     }();
@@ -52,16 +49,16 @@ TEST_P(Tools, CasesOfTheSection)
     test::TempDir dir;
     const std::string tools = test::tools_prefix(), log = dir.path() + "/paramd.log";
     pid_t paramd = -1; // serves examples/device until the end of the section
-    if (sec.head.rfind("paramd", 0) == 0) {
+    if (sec.first.rfind("paramd", 0) == 0) {
         std::string cmd = "exec " + tools + "paramd --ro '" + test::example_device_dir() + "' --rw '" + dir.path() +
-                          "/rw' " + sec.head.substr(6) + " >'" + log + "' 2>&1";
+                          "/rw' " + sec.first.substr(6) + " >'" + log + "' 2>&1";
         if ((paramd = fork()) == 0) {
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
         auto up = [&] { return test::read_file(log).value_or("").find("paramd: serving") != std::string::npos; };
         EXPECT_TRUE(test::wait_until(up, 5000)) << test::read_file(log).value_or("");
-    } else if (sec.head == "host") {
+    } else if (sec.first == "host") {
         test::copy_dir_files(test::example_device_dir(), dir.ro());
         dir.use_as_profile();
         dbgout_profile.para_level = 3;
@@ -70,23 +67,20 @@ TEST_P(Tools, CasesOfTheSection)
     const std::string prelude = "T='" + dir.path() + "'; RO='" + test::example_device_dir() + "'; TOOLS='" + tools +
                                 "'; paramctl() { " + tools + "paramctl \"$@\"; }; paramd() { " + tools +
                                 "paramd \"$@\"; }; ";
-    for (const Case& c : sec.cases) {
+    for (const Case& c : sec.second) {
         SCOPED_TRACE("paramctl_cases.txt:" + std::to_string(c.line) + ": " + c.command);
         test::CommandResult r = test::run_command("{ " + prelude + c.command + "\n}");
         EXPECT_EQ(r.status, c.exit) << r.out;
         EXPECT_TRUE(std::regex_search(r.out, std::regex(c.pattern))) << "pattern: " << c.pattern << "\n" << r.out;
     }
-    if (sec.head == "host")
+    if (sec.first == "host")
         platformparam_stop(1);
     if (paramd > 0 && kill(paramd, SIGTERM) == 0)
         waitpid(paramd, nullptr, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, Tools, testing::Range<size_t>(0, sections().size()), [](const auto& info) {
-    std::string name = std::to_string(info.param) + "_" + sections().at(info.param).head;
-    for (char& ch : name)
-        ch = isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-    return name;
+    return std::regex_replace(std::to_string(info.param) + "_" + sections().at(info.param).first, std::regex("\\W"), "_");
 });
 
 } // namespace

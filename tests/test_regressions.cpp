@@ -17,18 +17,16 @@ struct Store {
 void expect_file_round_trip(const Store& store)
 {
     test::TempDir dir;
-    const std::string out = dir.path() + "/out.conf";
-    FILE* f = fopen(out.c_str(), "w");
+    FILE* f = fopen((dir.path() + "/out.conf").c_str(), "w");
     ASSERT_NE(f, nullptr);
     store.s->loop(store.s, loop_2_conf, f);
     fclose(f);
     Store again;
-    ASSERT_EQ(configure_parse(again.s, nullptr, out.c_str()), 0);
+    ASSERT_EQ(configure_parse(again.s, nullptr, (dir.path() + "/out.conf").c_str()), 0);
     ASSERT_EQ(again.s->list.used, store.s->list.used);
-    for (uint32_t i = 0; i < store.s->list.used; ++i) {
-        EXPECT_STREQ(again.s->list.ptr[i].key, store.s->list.ptr[i].key);
-        EXPECT_STREQ(again.s->list.ptr[i].value, store.s->list.ptr[i].value);
-    }
+    for (uint32_t i = 0; i < store.s->list.used; ++i)
+        EXPECT_EQ(std::string(again.s->list.ptr[i].key) + "=" + again.s->list.ptr[i].value,
+                  std::string(store.s->list.ptr[i].key) + "=" + store.s->list.ptr[i].value);
 }
 
 } // namespace
