@@ -44,8 +44,8 @@ std::string record(int32_t type, int32_t chn, int32_t value, std::string mod, st
     std::string out;
     for (int32_t v : {type, chn, value})
         out.append(reinterpret_cast<const char*>(&v), 4);
-    return out + mod.append(16 - mod.size(), '\0') + member.append(16 - member.size(), '\0') +
-           text.append(32 - text.size(), '\0');
+    mod.resize(16), member.resize(16), text.resize(32);
+    return out + mod + member + text;
 }
 
 } // namespace

@@ -19,33 +19,30 @@ struct Case {
 };
 using Section = std::pair<std::string, std::vector<Case>>; // head: "none", "host", or "paramd ARGS"
 
-const std::vector<Section>& sections()
+std::vector<Section> sections()
 {
-    static const std::vector<Section> out = [] {
-        std::vector<Section> s;
-        std::ifstream in(std::string(PARA_SOURCE_DIR) + "/tests/data/paramctl_cases.txt");
-        std::string l;
-        for (int n = 1; std::getline(in, l); ++n) {
-            size_t a = l.find(" | "), b = a == std::string::npos ? a : l.find(" | ", a + 3);
-            if (l.empty() || l[0] == '#')
-                continue;
-            if (l[0] == '[')
-                s.push_back({l.substr(1, l.find(']') - 1), {}});
-            else if (s.empty() || b == std::string::npos)
-                ADD_FAILURE() << "paramctl_cases.txt:" << n << ": malformed case";
-            else
-                s.back().second.push_back({n, std::stoi(l.substr(0, a)), l.substr(a + 3, b - a - 3), l.substr(b + 3)});
-        }
-        return s;
-    }();
-    return out;
+    std::vector<Section> s;
+    std::ifstream in(std::string(PARA_SOURCE_DIR) + "/tests/data/paramctl_cases.txt");
+    std::string l;
+    for (int n = 1; std::getline(in, l); ++n) {
+        size_t a = l.find(" | "), b = a == std::string::npos ? a : l.find(" | ", a + 3);
+        if (l.empty() || l[0] == '#')
+            continue;
+        if (l[0] == '[')
+            s.push_back({l.substr(1, l.find(']') - 1), {}});
+        else if (s.empty() || b == std::string::npos)
+            ADD_FAILURE() << "paramctl_cases.txt:" << n << ": malformed case";
+        else
+            s.back().second.push_back({n, std::stoi(l.substr(0, a)), l.substr(a + 3, b - a - 3), l.substr(b + 3)});
+    }
+    return s;
 }
 
 class Tools : public testing::TestWithParam<size_t> {};
 
 TEST_P(Tools, CasesOfTheSection)
 {
-    const Section& sec = sections().at(GetParam());
+    const Section sec = sections().at(GetParam());
     test::TempDir dir;
     const std::string tools = test::tools_prefix(), log = dir.path() + "/paramd.log";
     pid_t paramd = -1; // serves examples/device until the end of the section

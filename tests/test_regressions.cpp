@@ -7,9 +7,9 @@
 
 namespace {
 
-struct Store {
-    configure* s = configure_init();
-    ~Store() { configure_free(s); }
+struct Store : std::unique_ptr<configure, void (*)(configure*)> {
+    Store() : unique_ptr(configure_init(), configure_free), s(get()) {}
+    configure* s;
 };
 
 // The store written as a .conf file reads back to the same entries in the

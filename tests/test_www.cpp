@@ -12,10 +12,9 @@
 
 namespace {
 
-struct Mapping {
-    explicit Mapping(const std::string& text) : json(cJSON_Parse(text.c_str())) { para_config = json; }
-    ~Mapping() { para_config = nullptr, cJSON_Delete(json); }
-    cJSON* json;
+struct Mapping : para::JsonPtr { // the mapping document while alive
+    explicit Mapping(const std::string& text) : JsonPtr(cJSON_Parse(text.c_str())) { para_config = get(); }
+    ~Mapping() { para_config = nullptr; }
 };
 
 // The converted request (its module part alone unless keep_msg; "" or
@@ -26,16 +25,13 @@ std::pair<std::string, std::string> convert(std::string in, bool keep_msg = true
     auto* j = static_cast<cJSON*>(para_convert_www_opt(in.data(), err.data(), err_size));
     for (const char* k : {"msg_from", "msg_type", "msg_name", "msg_id"})
         cJSON_DeleteItemFromObject(keep_msg ? nullptr : j, k);
-    para::CharPtr p(j ? cJSON_PrintUnformatted(j) : nullptr);
-    cJSON_Delete(j);
+    para::CharPtr p(j ? cJSON_PrintUnformatted(para::JsonPtr(j).get()) : nullptr);
     return {p ? p.get() : keep_msg ? "" : "<null>", err.c_str()};
 }
 
 std::string reverse(const std::string& reply)
 {
-    cJSON* j = cJSON_Parse(reply.c_str());
-    para::CharPtr text(para_reverse_convert_www_opt(j));
-    cJSON_Delete(j);
+    para::CharPtr text(para_reverse_convert_www_opt(para::JsonPtr(cJSON_Parse(reply.c_str())).get()));
     return text ? text.get() : "<null>";
 }
 
