@@ -13,7 +13,7 @@
 namespace {
 
 struct Mapping : para::JsonPtr { // the mapping document while alive
-    explicit Mapping(const std::string& text) : JsonPtr(cJSON_Parse(text.c_str())) { para_config = get(); }
+    explicit Mapping(const std::string& text) : para::JsonPtr(cJSON_Parse(text.c_str())) { para_config = get(); }
     ~Mapping() { para_config = nullptr; }
 };
 
