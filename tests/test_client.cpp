@@ -110,7 +110,6 @@ TEST(Client, MapNumbersAndARepublishedMap)
     EXPECT_EQ(para_get_share_map(1, 3), base + 12 + 16);
     reinterpret_cast<dov_share_head_s*>(base)->num = 1000; // more than the object holds: not believed
     EXPECT_EQ(para_get_share_map(1, 4), nullptr);
-    reinterpret_cast<dov_share_head_s*>(base)->num = 3;
     EXPECT_EQ(para_share_unpublish(1), 0);
     EXPECT_EQ(para_share_unpublish(1), -1);
     EXPECT_EQ(para_share_register(1), -1);
@@ -137,8 +136,7 @@ TEST(Client, MapNumbersAndARepublishedMap)
     shm_unlink(name.c_str());
 }
 
-// The client registers once the main side has published, reads map 2,
-// answers in map 3.
+// Once the main side has published, the client registers, reads map 2 and answers in map 3.
 TEST(Client, SharedMapAcrossProcesses)
 {
     para_share_set_name_prefix(("/para_share_f" + std::to_string(getpid()) + "_").c_str());

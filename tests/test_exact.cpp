@@ -1,11 +1,8 @@
-// Behaviours seen from outside: the scenarios of tests/data/exact/ (log
-// texts, start-up with bad files, the worker's wait), the trace, image
-// styles, by-name writes, exported tables, leaks.
+// Behaviours seen from outside: the scenarios of tests/data/exact/ (log texts, start-up with
+// bad files, the worker's wait), the trace, image styles, by-name writes, exported tables, leaks.
 #include "para_internal.h"
 #include "scenario.h"
 #include "support.h"
-
-#include <gtest/gtest.h>
 
 #include <dlfcn.h>
 

@@ -13,10 +13,7 @@
 
 namespace {
 
-struct Case {
-    int line, exit;
-    std::string pattern, command;
-};
+struct Case { int line, exit; std::string pattern, command; };
 using Section = std::pair<std::string, std::vector<Case>>; // head: "none", "host", or "paramd ARGS"
 
 std::vector<Section> sections()
