@@ -3,6 +3,8 @@
 // requests and checks replies, callbacks, saved files and log lines.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -17,3 +19,10 @@ std::vector<std::string> list(const std::string& dir);
 void run(const std::string& dir, const std::string& name, bool fixed_port);
 
 } // namespace scenario
+
+// One test per scenario file of tests/data/DIR, named Data/SUITE.Scenario/<file>.
+#define SCENARIO_TESTS(SUITE, DIR, FIXED_PORT)                                                                    \
+    class SUITE : public ::testing::TestWithParam<std::string> {};                                               \
+    TEST_P(SUITE, Scenario) { scenario::run(DIR, GetParam(), FIXED_PORT); }                                      \
+    INSTANTIATE_TEST_SUITE_P(Data, SUITE, ::testing::ValuesIn(scenario::list(DIR)),                              \
+                             [](const auto& info) { return info.param; })

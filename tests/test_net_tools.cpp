@@ -1,8 +1,8 @@
 // paramd and paramctl as a user runs them: real processes on port 6800,
 // cases from tests/data/paramctl_cases.txt (the format is described there).
-#include <gtest/gtest.h>
-
 #include "support.h"
+
+#include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -10,130 +10,71 @@
 
 #include <fstream>
 #include <regex>
-#include <string>
-#include <vector>
 
 namespace {
 
-struct Case {
-    int line;
-    int exit;
-    std::string pattern, command;
-};
+struct Case { int line, exit; std::string pattern, command; };
+using Section = std::pair<std::string, std::vector<Case>>; // head: "none", "host", or "paramd ARGS"
 
-struct Section {
-    std::string head; // "none", "host", or "paramd ARGS"
-    std::vector<Case> cases;
-};
-
-std::string trim(const std::string& s)
+std::vector<Section> sections()
 {
-    size_t a = s.find_first_not_of(" \t"), b = s.find_last_not_of(" \t");
-    return a == std::string::npos ? "" : s.substr(a, b - a + 1);
-}
-
-std::vector<Section> load_sections()
-{
-    std::vector<Section> out;
+    std::vector<Section> s;
     std::ifstream in(std::string(PARA_SOURCE_DIR) + "/tests/data/paramctl_cases.txt");
-    std::string line;
-    for (int n = 1; std::getline(in, line); ++n) {
-        if (line.empty() || line[0] == '#')
+    std::string l;
+    for (int n = 1; std::getline(in, l); ++n) {
+        size_t a = l.find(" | "), b = a == std::string::npos ? a : l.find(" | ", a + 3);
+        if (l.empty() || l[0] == '#')
             continue;
-        if (line[0] == '[') {
-            out.push_back({line.substr(1, line.find(']') - 1), {}});
-            continue;
-        }
-        size_t a = line.find(" | "), b = a == std::string::npos ? a : line.find(" | ", a + 3);
-        if (out.empty() || b == std::string::npos)
+        if (l[0] == '[')
+            s.push_back({l.substr(1, l.find(']') - 1), {}});
+        else if (s.empty() || b == std::string::npos)
             ADD_FAILURE() << "paramctl_cases.txt:" << n << ": malformed case";
         else
-            out.back().cases.push_back({n, std::stoi(line.substr(0, a)), trim(line.substr(a + 3, b - a - 3)),
-                                        trim(line.substr(b + 3))});
+            s.back().second.push_back({n, std::stoi(l.substr(0, a)), l.substr(a + 3, b - a - 3), l.substr(b + 3)});
     }
-    return out;
-}
-
-const std::vector<Section>& sections()
-{
-    static const std::vector<Section> s = load_sections();
     return s;
 }
-
-// paramd on the example device until the end of the section.
-class Paramd {
-public:
-    Paramd(const std::string& dir, const std::string& args) : log_(dir + "/paramd.log")
-    {
-        pid_ = fork();
-        if (pid_ == 0) {
-            std::string cmd = "exec " + test::tools_prefix() + "paramd --ro '" + test::example_device_dir() +
-                              "' --rw '" + dir + "/rw' " + args + " >'" + log_ + "' 2>&1";
-            execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-    }
-    bool serving() const
-    {
-        return test::wait_until([this] { return log().find("paramd: serving") != std::string::npos; }, 5000);
-    }
-    std::string log() const { return test::read_file(log_).value_or(""); }
-    ~Paramd()
-    {
-        if (pid_ <= 0)
-            return;
-        kill(pid_, SIGTERM);
-        waitpid(pid_, nullptr, 0);
-    }
-
-private:
-    std::string log_;
-    pid_t pid_ = -1;
-};
 
 class Tools : public testing::TestWithParam<size_t> {};
 
 TEST_P(Tools, CasesOfTheSection)
 {
-    const Section& sec = sections().at(GetParam());
+    const Section sec = sections().at(GetParam());
     test::TempDir dir;
-    std::unique_ptr<Paramd> paramd;
-    if (sec.head.rfind("paramd", 0) == 0) {
-        paramd = std::make_unique<Paramd>(dir.path(), sec.head.substr(6));
-        ASSERT_TRUE(paramd->serving()) << paramd->log();
-    } else if (sec.head == "host") {
+    const std::string tools = test::tools_prefix(), log = dir.path() + "/paramd.log";
+    pid_t paramd = -1; // serves examples/device until the end of the section
+    if (sec.first.rfind("paramd", 0) == 0) {
+        std::string cmd = "exec " + tools + "paramd --ro '" + test::example_device_dir() + "' --rw '" + dir.path() +
+                          "/rw' " + sec.first.substr(6) + " >'" + log + "' 2>&1";
+        if ((paramd = fork()) == 0) {
+            execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        auto up = [&] { return test::read_file(log).value_or("").find("paramd: serving") != std::string::npos; };
+        EXPECT_TRUE(test::wait_until(up, 5000)) << test::read_file(log).value_or("");
+    } else if (sec.first == "host") {
         test::copy_dir_files(test::example_device_dir(), dir.ro());
         dir.use_as_profile();
         dbgout_profile.para_level = 3;
         platformparam_init();
     }
-    const std::string prelude = "T='" + dir.path() + "'; RO='" + test::example_device_dir() + "'; TOOLS='" +
-                                test::tools_prefix() +
-                                "'; paramctl() { " + test::tools_prefix() + "paramctl \"$@\"; }; paramd() { " +
-                                test::tools_prefix() + "paramd \"$@\"; }; ";
-    for (const Case& c : sec.cases) {
+    const std::string prelude = "T='" + dir.path() + "'; RO='" + test::example_device_dir() + "'; TOOLS='" + tools +
+                                "'; paramctl() { " + tools + "paramctl \"$@\"; }; paramd() { " + tools +
+                                "paramd \"$@\"; }; ";
+    for (const Case& c : sec.second) {
         SCOPED_TRACE("paramctl_cases.txt:" + std::to_string(c.line) + ": " + c.command);
         test::CommandResult r = test::run_command("{ " + prelude + c.command + "\n}");
         EXPECT_EQ(r.status, c.exit) << r.out;
-        bool found = false;
-        try {
-            found = std::regex_search(r.out, std::regex(c.pattern));
-        } catch (const std::regex_error& e) {
-            ADD_FAILURE() << "bad pattern: " << e.what();
-        }
-        EXPECT_TRUE(found) << "pattern: " << c.pattern << "\noutput:\n" << r.out;
+        EXPECT_TRUE(std::regex_search(r.out, std::regex(c.pattern))) << "pattern: " << c.pattern << "\n" << r.out;
     }
-    if (sec.head == "host")
+    if (sec.first == "host")
         platformparam_stop(1);
+    if (paramd > 0 && kill(paramd, SIGTERM) == 0)
+        waitpid(paramd, nullptr, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, Tools, testing::Range<size_t>(0, sections().size()),
-                         [](const testing::TestParamInfo<size_t>& info) {
-                             std::string name = sections().at(info.param).head;
-                             for (char& ch : name)
-                                 if (!isalnum(static_cast<unsigned char>(ch)))
-                                     ch = '_';
-                             return std::to_string(info.param) + "_" + name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Cases, Tools, testing::Range<size_t>(0, sections().size()), [](const auto& info) {
+    return std::regex_replace(std::to_string(info.param) + "_" + sections().at(info.param).first, std::regex("\\W"), "_");
+});
 
 } // namespace
