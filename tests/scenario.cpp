@@ -11,6 +11,14 @@
 //   has FILE TEXT / bytes FILE TEXT  rw/FILE contains / is exactly TEXT
 //   log TEXT                       some log line so far contains TEXT
 //   $ TOOL ARGS / status N OUTPUT  run a built tool; its exit status and output
+//   nolog TEXT                     no log line so far contains TEXT
+//   call / until FN ARGS... -> RESULT  an exported function of the typed modules
+//                                  (table below; "null" is a NULL text);
+//                                  until: repeated for up to 5 s
+//   get MOD REQ JSON / set MOD JSON  a typed module's table operation on the
+//                                  first item of JSON (REQ "-": no request
+//                                  name, "whole": the message itself); the
+//                                  reply ("null" for none) is checked by "="
 #include "scenario.h"
 
 #include "para_internal.h"
@@ -23,6 +31,7 @@
 #include <algorithm>
 #include <deque>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <sstream>
 
@@ -135,6 +144,66 @@ std::string word(std::string& rest)
     return w;
 }
 
+// Exported functions of the typed modules by name, each reading its
+// arguments from the step's words; results print as numbers or texts.
+using Args = std::vector<std::string>;
+std::string out(long v) { return std::to_string(v); }
+std::string out(const std::string& t) { return t; }
+std::string out(const char* t) { return t ? t : "null"; }
+char* text(const Args& a, size_t i) { return a.at(i) == "null" ? nullptr : const_cast<char*>(a[i].c_str()); }
+// By-name readers: "result value name".
+std::string af_member(const Args& a)
+{
+    int v = -5, r = para_get_af_member_json(text(a, 0), &v, nullptr);
+    return out(r) + " " + out(v);
+}
+std::string audio_member(const Args& a)
+{
+    int v = -5;
+    char* n = nullptr;
+    int r = para_get_audio_member_json(text(a, 0), &v, &n);
+    return out(r) + " " + out(v) + " " + out(n);
+}
+#define E(name, expr) {name, [](const Args& a) { (void)a; return out(expr); }},
+#define C(fn, ...) E(#fn, fn(__VA_ARGS__))
+#define I(i) std::stoi(a.at(i))
+#define IF_named(...) __VA_ARGS__
+#define IF_num(...)
+#define GETTERS(tag, M, ...) C(para_get_##tag##_##M##_min, __VA_ARGS__) C(para_get_##tag##_##M##_max, __VA_ARGS__) \
+    C(para_get_##tag##_##M##_def, __VA_ARGS__) C(para_get_##tag##_##M##_init, __VA_ARGS__) C(para_get_##tag##_##M##_cur, __VA_ARGS__)
+#define VIDEO_CALLS(M, kind, table) GETTERS(video, M, I(0)) C(_para_set_video_##M##_cur, I(0), I(1)) \
+    C(para_get_video_##M##_num, text(a, 0)) E("exist.video." #M, para_video_exist[I(0)].M) \
+    IF_##kind(C(para_get_video_##M##_str, I(0)) C(para_set_video_##M##_cur_bystr, I(0), text(a, 1)))
+#define AUDIO_CALLS(M, kind, table) GETTERS(audio, M) C(_para_set_audio_##M##_cur, I(0)) \
+    C(para_get_audio_##M##_num, text(a, 0)) E("exist.audio." #M, para_audio_exist.M) \
+    IF_##kind(C(para_get_audio_##M##_str, I(0)))
+#define AF_CALLS(M) GETTERS(af, M) C(para_set_af_##M##_cur, I(0)) E("exist.af." #M, para_af_exist.M)
+#define ISP_CALLS(M, file, set, o) E("exist.isp." #M, para_isp_exist[I(0)].M) E("cur.isp." #M, para_isp_cur[I(0)].M) \
+    PARA_ISP_IF_##file(C(para_get_isp_##M##_num, text(a, 0))) \
+    PARA_ISP_IF_##set(GETTERS(isp, M, I(0)) C(_para_set_isp_##M##_cur, I(0), I(1)))
+using GetOp = int (*)(char*, void*, void**, char*);
+using SetOp = int (*)(char*, void*, char*);
+const std::map<std::string, std::pair<GetOp, SetOp>> table_ops = {{"video", {para_get_video_opt, para_set_video_opt}},
+    {"isp", {para_get_isp_opt, para_set_isp_opt}}, {"audio", {para_get_audio_opt, para_set_audio_opt}},
+    {"af", {para_get_af_opt, nullptr}}};
+const std::map<std::string, std::string (*)(const Args&)> calls = {
+    PARA_VIDEO_MEMBERS(VIDEO_CALLS) PARA_AUDIO_MEMBERS(AUDIO_CALLS) PARA_AF_MEMBERS(AF_CALLS) PARA_ISP_MEMBERS(ISP_CALLS)
+    C(para_init_video, nullptr) C(para_init_audio, nullptr) C(para_init_af, nullptr) C(para_init_isp, nullptr)
+    C(para_save_video, nullptr) C(para_save_audio, nullptr) C(para_save_af, nullptr) C(para_save_isp, nullptr)
+    C(para_need_save_video, nullptr) C(para_need_save_audio, nullptr) C(para_need_save_af, nullptr)
+    E("af.struct_ver", para_af_min.struct_ver | para_af_max.struct_ver | para_af_def.struct_ver |
+        para_af_cur.struct_ver | para_af_init.struct_ver | para_af_exist.struct_ver)
+    C(para_need_save_isp, nullptr) C(para_get_video_streamNum) E("g_num_stream", g_num_stream)
+    E("para_get_af_member_json", af_member(a)) E("para_get_audio_member_json", audio_member(a))
+    C(para_set_audio_member_json, text(a, 0), I(1), text(a, 2)) C(para_set_video_member, text(a, 0), I(1), I(2), text(a, 3))
+};
+#undef E
+#undef C
+#undef I
+#undef GETTERS
+#undef IF_named
+#undef IF_num
+
 } // namespace
 
 std::string data_path(const std::string& name)
@@ -242,6 +311,30 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
         } else if (op == "status") {
             EXPECT_EQ(ran.status, std::stoi(word(rest))) << ran.out;
             EXPECT_EQ(ran.out, unescape(rest));
+        } else if (op == "nolog") {
+            EXPECT_FALSE(log.contains(rest)) << log.dump();
+        } else if (op == "call" || op == "until") {
+            Args args;
+            std::string fn = word(rest);
+            while (!rest.empty() && rest.compare(0, 3, "-> ") != 0)
+                args.push_back(word(rest));
+            auto it = calls.find(fn);
+            ASSERT_NE(it, calls.end()) << "no such call";
+            std::string want = rest.substr(std::min<size_t>(3, rest.size()));
+            if (op == "until")
+                test::wait_until([&] { return it->second(args) == want; }, 5000);
+            EXPECT_EQ(it->second(args), want);
+        } else if (op == "get" || op == "set") {
+            auto ops = table_ops.at(word(rest));
+            std::string req = op == "get" ? word(rest) : "-";
+            cJSON* msg = cJSON_Parse(rest.c_str());
+            cJSON* item = req == "whole" ? msg : msg ? msg->child : nullptr;
+            char* name = req == "-" || req == "whole" ? nullptr : const_cast<char*>(req.c_str());
+            void* got = nullptr;
+            EXPECT_EQ(op == "get" ? ops.first(name, item, &got, nullptr) : ops.second(nullptr, item, nullptr), 0);
+            reply = printed(got);
+            cJSON_Delete(static_cast<cJSON*>(got));
+            cJSON_Delete(msg);
         } else if (op == "log") {
             EXPECT_TRUE(log.contains(rest)) << log.dump();
         } else {
