@@ -171,16 +171,17 @@ std::string audio_member(const Args& a)
 #define IF_num(...)
 #define GETTERS(tag, M, ...) C(para_get_##tag##_##M##_min, __VA_ARGS__) C(para_get_##tag##_##M##_max, __VA_ARGS__) \
     C(para_get_##tag##_##M##_def, __VA_ARGS__) C(para_get_##tag##_##M##_init, __VA_ARGS__) C(para_get_##tag##_##M##_cur, __VA_ARGS__)
-#define VIDEO_CALLS(M, kind, table) GETTERS(video, M, I(0)) C(_para_set_video_##M##_cur, I(0), I(1)) \
+#define VIDEO_CALLS(M, kind, table) GETTERS(video, M, I(0)) C(_para_set_video_##M##_cur, I(0), I(1)) C(para_set_video_##M##_cur, I(0), I(1)) \
     C(para_get_video_##M##_num, text(a, 0)) E("exist.video." #M, para_video_exist[I(0)].M) \
     IF_##kind(C(para_get_video_##M##_str, I(0)) C(para_set_video_##M##_cur_bystr, I(0), text(a, 1)))
-#define AUDIO_CALLS(M, kind, table) GETTERS(audio, M) C(_para_set_audio_##M##_cur, I(0)) \
+#define AUDIO_CALLS(M, kind, table) GETTERS(audio, M) C(_para_set_audio_##M##_cur, I(0)) C(para_set_audio_##M##_cur, I(0)) \
     C(para_get_audio_##M##_num, text(a, 0)) E("exist.audio." #M, para_audio_exist.M) \
     IF_##kind(C(para_get_audio_##M##_str, I(0)))
 #define AF_CALLS(M) GETTERS(af, M) C(para_set_af_##M##_cur, I(0)) E("exist.af." #M, para_af_exist.M)
 #define ISP_CALLS(M, file, set, o) E("exist.isp." #M, para_isp_exist[I(0)].M) E("cur.isp." #M, para_isp_cur[I(0)].M) \
     PARA_ISP_IF_##file(C(para_get_isp_##M##_num, text(a, 0))) \
-    PARA_ISP_IF_##set(GETTERS(isp, M, I(0)) C(_para_set_isp_##M##_cur, I(0), I(1)))
+    PARA_ISP_IF_##set(GETTERS(isp, M, I(0)) C(_para_set_isp_##M##_cur, I(0), I(1)) \
+    C(para_set_isp_##M##_cur, I(0), I(1)))
 using GetOp = int (*)(char*, void*, void**, char*);
 using SetOp = int (*)(char*, void*, char*);
 const std::map<std::string, std::pair<GetOp, SetOp>> table_ops = {{"video", {para_get_video_opt, para_set_video_opt}},
@@ -193,6 +194,7 @@ const std::map<std::string, std::string (*)(const Args&)> calls = {
     C(para_need_save_video, nullptr) C(para_need_save_audio, nullptr) C(para_need_save_af, nullptr)
     E("af.struct_ver", para_af_min.struct_ver | para_af_max.struct_ver | para_af_def.struct_ver |
         para_af_cur.struct_ver | para_af_init.struct_ver | para_af_exist.struct_ver)
+    C(save_cur_audio_param_delay, I(0)) C(save_cur_video_param_delay, I(0))
     C(para_need_save_isp, nullptr) C(para_get_video_streamNum) E("g_num_stream", g_num_stream)
     E("para_get_af_member_json", af_member(a)) E("para_get_audio_member_json", audio_member(a))
     C(para_set_audio_member_json, text(a, 0), I(1), text(a, 2)) C(para_set_video_member, text(a, 0), I(1), I(2), text(a, 3))
