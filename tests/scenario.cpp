@@ -11,7 +11,9 @@
 //   has FILE TEXT / bytes FILE TEXT  rw/FILE contains / is exactly TEXT
 //   log TEXT                       some log line so far contains TEXT
 //   $ TOOL ARGS / status N OUTPUT  run a built tool; its exit status and output
-//   nolog TEXT                     no log line so far contains TEXT
+//   nolog TEXT / logs N TEXT       no log line so far / N lines contain TEXT
+//   rwdir PATH                     the rw directory from now on (relative to
+//                                  the fixture directory)
 //   call / until FN ARGS... -> RESULT  an exported function of the typed modules
 //                                  (table below; "null" is a NULL text);
 //                                  until: repeated for up to 5 s
@@ -164,6 +166,18 @@ std::string audio_member(const Args& a)
     int r = para_get_audio_member_json(text(a, 0), &v, &n);
     return out(r) + " " + out(v) + " " + out(n);
 }
+std::string video_member(const Args& a)
+{
+    int v = -5;
+    char* n = const_cast<char*>("untouched");
+    int r = para_get_video_member(text(a, 0), std::stoi(a.at(1)), &v, &n);
+    return out(r) + " " + out(v) + " " + out(n);
+}
+std::string size_by_name(const Args& a)
+{
+    int w = 7, h = 7, r = para_get_video_size_byname(text(a, 0), std::stoi(a.at(1)), &w, &h);
+    return out(r) + " " + out(w) + "x" + out(h);
+}
 #define E(name, expr) {name, [](const Args& a) { (void)a; return out(expr); }},
 #define C(fn, ...) E(#fn, fn(__VA_ARGS__))
 #define I(i) std::stoi(a.at(i))
@@ -173,6 +187,7 @@ std::string audio_member(const Args& a)
     C(para_get_##tag##_##M##_def, __VA_ARGS__) C(para_get_##tag##_##M##_init, __VA_ARGS__) C(para_get_##tag##_##M##_cur, __VA_ARGS__)
 #define VIDEO_CALLS(M, kind, table) GETTERS(video, M, I(0)) C(_para_set_video_##M##_cur, I(0), I(1)) C(para_set_video_##M##_cur, I(0), I(1)) \
     C(para_get_video_##M##_num, text(a, 0)) E("exist.video." #M, para_video_exist[I(0)].M) \
+    E("cur.video." #M, para_video_cur[I(0)].M) \
     IF_##kind(C(para_get_video_##M##_str, I(0)) C(para_set_video_##M##_cur_bystr, I(0), text(a, 1)))
 #define AUDIO_CALLS(M, kind, table) GETTERS(audio, M) C(_para_set_audio_##M##_cur, I(0)) C(para_set_audio_##M##_cur, I(0)) \
     C(para_get_audio_##M##_num, text(a, 0)) E("exist.audio." #M, para_audio_exist.M) \
@@ -194,7 +209,8 @@ const std::map<std::string, std::string (*)(const Args&)> calls = {
     C(para_need_save_video, nullptr) C(para_need_save_audio, nullptr) C(para_need_save_af, nullptr)
     E("af.struct_ver", para_af_min.struct_ver | para_af_max.struct_ver | para_af_def.struct_ver |
         para_af_cur.struct_ver | para_af_init.struct_ver | para_af_exist.struct_ver)
-    C(save_cur_audio_param_delay, I(0)) C(save_cur_video_param_delay, I(0))
+    E("para_get_video_member", video_member(a)) E("para_get_video_size_byname", size_by_name(a))
+    C(fifo_work_run, text(a, 0), nullptr) C(save_cur_audio_param_delay, I(0)) C(save_cur_video_param_delay, I(0))
     C(para_need_save_isp, nullptr) C(para_get_video_streamNum) E("g_num_stream", g_num_stream)
     E("para_get_af_member_json", af_member(a)) E("para_get_audio_member_json", audio_member(a))
     C(para_set_audio_member_json, text(a, 0), I(1), text(a, 2)) C(para_set_video_member, text(a, 0), I(1), I(2), text(a, 3))
@@ -313,6 +329,13 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
         } else if (op == "status") {
             EXPECT_EQ(ran.status, std::stoi(word(rest))) << ran.out;
             EXPECT_EQ(ran.out, unescape(rest));
+        } else if (op == "logs") {
+            int n = std::stoi(word(rest));
+            EXPECT_EQ(log.count(rest), n) << log.dump();
+        } else if (op == "rwdir") {
+            static std::string dir;
+            dir = tmp.path() + "/" + rest;
+            para_profile.param_rwfile_dir = const_cast<char*>(dir.c_str());
         } else if (op == "nolog") {
             EXPECT_FALSE(log.contains(rest)) << log.dump();
         } else if (op == "call" || op == "until") {
