@@ -12,10 +12,12 @@
 //   log TEXT                       some log line so far contains TEXT
 //   $ TOOL ARGS / status N OUTPUT  run a built tool; its exit status and output
 //   nolog TEXT / logs N TEXT       no log line so far / N lines contain TEXT
+//   mkdir NAME                     a directory in rw
 //   rwdir PATH                     the rw directory from now on (relative to
 //                                  the fixture directory)
 //   call / until FN ARGS... -> RESULT  an exported function of the typed modules
-//                                  (table below; "null" is a NULL text);
+//                                  (table below; words unescaped, "null" is
+//                                  a NULL text);
 //                                  until: repeated for up to 5 s
 //   get MOD REQ JSON / set MOD JSON  a typed module's table operation on the
 //                                  first item of JSON (REQ "-": no request
@@ -24,11 +26,13 @@
 #include "scenario.h"
 
 #include "para_internal.h"
+#include "para_isp_internal.h"
 #include "support.h"
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <deque>
@@ -152,7 +156,8 @@ using Args = std::vector<std::string>;
 std::string out(long v) { return std::to_string(v); }
 std::string out(const std::string& t) { return t; }
 std::string out(const char* t) { return t ? t : "null"; }
-char* text(const Args& a, size_t i) { return a.at(i) == "null" ? nullptr : const_cast<char*>(a[i].c_str()); }
+const std::string null_arg("\0null", 5); // the word null; "nu\x6cl" is the text
+char* text(const Args& a, size_t i) { return a.at(i) == null_arg ? nullptr : const_cast<char*>(a[i].c_str()); }
 // By-name readers: "result value name".
 std::string af_member(const Args& a)
 {
@@ -178,6 +183,38 @@ std::string size_by_name(const Args& a)
     int w = 7, h = 7, r = para_get_video_size_byname(text(a, 0), std::stoi(a.at(1)), &w, &h);
     return out(r) + " " + out(w) + "x" + out(h);
 }
+// The ISP's by-name readers, objects, styles and factory values.
+std::string isp_member(const Args& a, int (*fn)(char*, int, int*, char**))
+{
+    int v = -7, r = fn(text(a, 0), std::stoi(a.at(1)), &v, nullptr);
+    return out(r) + " " + out(v);
+}
+std::string isp_object(int isp, int is_def)
+{
+    cJSON* o = Create_Json_ISPObject(isp, is_def);
+    std::string t = printed(o);
+    cJSON_Delete(o);
+    return t;
+}
+std::string style_param(const Args& a)
+{
+    const dov_isp_param_s* p = para_get_isp_style_param(std::stoi(a.at(0)), std::stoi(a.at(1)));
+    if (!p)
+        return "null";
+    return out(p->style) + " " + out(p->saturation) + " " + out(p->antiflicker) + " " + out(p->wb_mode) + " " +
+           out(p->shutter);
+}
+std::string odm_def(const Args& a)
+{
+    dov_isp_param_s def = para_isp_def[0];
+    int r = parse_isp_def_odm(std::stoi(a.at(0)), text(a, 1) ? &def : nullptr);
+    return out(r) + " " + out(def.antiflicker);
+}
+std::string odm_int(const Args& a)
+{
+    int v = -1, r = para_get_odm_int(text(a, 0), &v);
+    return out(r) + " " + out(v);
+}
 #define E(name, expr) {name, [](const Args& a) { (void)a; return out(expr); }},
 #define C(fn, ...) E(#fn, fn(__VA_ARGS__))
 #define I(i) std::stoi(a.at(i))
@@ -194,6 +231,7 @@ std::string size_by_name(const Args& a)
     IF_##kind(C(para_get_audio_##M##_str, I(0)))
 #define AF_CALLS(M) GETTERS(af, M) C(para_set_af_##M##_cur, I(0)) E("exist.af." #M, para_af_exist.M)
 #define ISP_CALLS(M, file, set, o) E("exist.isp." #M, para_isp_exist[I(0)].M) E("cur.isp." #M, para_isp_cur[I(0)].M) \
+    E("def.isp." #M, para_isp_def[I(0)].M) E("max.isp." #M, para_isp_max[I(0)].M) \
     PARA_ISP_IF_##file(C(para_get_isp_##M##_num, text(a, 0))) \
     PARA_ISP_IF_##set(GETTERS(isp, M, I(0)) C(_para_set_isp_##M##_cur, I(0), I(1)) \
     C(para_set_isp_##M##_cur, I(0), I(1)))
@@ -209,6 +247,17 @@ const std::map<std::string, std::string (*)(const Args&)> calls = {
     C(para_need_save_video, nullptr) C(para_need_save_audio, nullptr) C(para_need_save_af, nullptr)
     E("af.struct_ver", para_af_min.struct_ver | para_af_max.struct_ver | para_af_def.struct_ver |
         para_af_cur.struct_ver | para_af_init.struct_ver | para_af_exist.struct_ver)
+    C(para_set_member, text(a, 0), I(1), I(2), text(a, 3)) C(isp_change_pending)
+    E("para_get_isp_cur_member", isp_member(a, para_get_isp_cur_member))
+    E("para_get_isp_def_member", isp_member(a, para_get_isp_def_member))
+    E("Create_Json_ISPObject", isp_object(I(0), I(1))) E("get_isp_style_json", printed(get_isp_style_json(I(0), I(1))))
+    E("para_get_isp_style_param", style_param(a)) E("parse_isp_def_odm", odm_def(a)) E("para_get_odm_int", odm_int(a))
+    E("same.isp.init", !memcmp(&para_isp_init[I(0)], &para_isp_cur[I(0)], sizeof(dov_isp_param_s)))
+    E("same.isp.def", !memcmp(&para_isp_def[I(0)], &para_isp_cur[I(0)], sizeof(dov_isp_param_s)))
+    C(para_set_isp_antiflicker_def, I(0), I(1)) C(para_set_isp_style_def, I(0), I(1)) C(para_isp_cur_restore_isp_def)
+    C(para_isp_style_excute_by_arm, I(0)) C(para_get_isp_style_index, I(0), text(a, 1))
+    C(para_get_isp_style_string, I(0), I(1)) C(para_set_isp_style_def_index, I(0), I(1))
+    C(para_get_isp_style_def_index, I(0)) C(para_init_isp_style, I(0)) C(para_init_odm, nullptr)
     E("para_get_video_member", video_member(a)) E("para_get_video_size_byname", size_by_name(a))
     C(fifo_work_run, text(a, 0), nullptr) C(save_cur_audio_param_delay, I(0)) C(save_cur_video_param_delay, I(0))
     C(para_need_save_isp, nullptr) C(para_get_video_streamNum) E("g_num_stream", g_num_stream)
@@ -332,6 +381,8 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
         } else if (op == "logs") {
             int n = std::stoi(word(rest));
             EXPECT_EQ(log.count(rest), n) << log.dump();
+        } else if (op == "mkdir") {
+            EXPECT_EQ(mkdir((tmp.rw() + "/" + rest).c_str(), 0775), 0);
         } else if (op == "rwdir") {
             static std::string dir;
             dir = tmp.path() + "/" + rest;
@@ -342,7 +393,7 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
             Args args;
             std::string fn = word(rest);
             while (!rest.empty() && rest.compare(0, 3, "-> ") != 0)
-                args.push_back(word(rest));
+                args.push_back(rest.compare(0, 5, "null ") == 0 ? (word(rest), null_arg) : unescape(word(rest)));
             auto it = calls.find(fn);
             ASSERT_NE(it, calls.end()) << "no such call";
             std::string want = rest.substr(std::min<size_t>(3, rest.size()));
