@@ -12,6 +12,8 @@
 //   log TEXT                       some log line so far contains TEXT
 //   $ TOOL ARGS / status N OUTPUT  run a built tool; its exit status and output
 //   nolog TEXT / logs N TEXT       no log line so far / N lines contain TEXT
+//   setters                        member callbacks name the setter instead:
+//                                  "isp para_set_isp_shutter_cur 0 11"
 //   mkdir NAME                     a directory in rw
 //   rwdir PATH                     the rw directory from now on (relative to
 //                                  the fixture directory)
@@ -264,6 +266,28 @@ const std::map<std::string, std::string (*)(const Args&)> calls = {
     E("para_get_af_member_json", af_member(a)) E("para_get_audio_member_json", audio_member(a))
     C(para_set_audio_member_json, text(a, 0), I(1), text(a, 2)) C(para_set_video_member, text(a, 0), I(1), I(2), text(a, 3))
 };
+// Public setters by address, for callbacks that name the setter they came from.
+#define S(fn) {reinterpret_cast<void*>(&fn), #fn},
+#define VIDEO_SETTER(M, kind, table) S(para_set_video_##M##_cur)
+#define AUDIO_SETTER(M, kind, table) S(para_set_audio_##M##_cur)
+#define AF_SETTER(M) S(para_set_af_##M##_cur)
+#define ISP_SETTER(M, file, set, o) PARA_ISP_IF_##set(S(para_set_isp_##M##_cur))
+const std::map<void*, std::string> setters = {PARA_VIDEO_MEMBERS(VIDEO_SETTER) PARA_AUDIO_MEMBERS(AUDIO_SETTER)
+    PARA_AF_MEMBERS(AF_SETTER) PARA_ISP_MEMBERS(ISP_SETTER)};
+std::string setter(void* fn)
+{
+    auto it = setters.find(fn);
+    return it == setters.end() ? "?" : it->second;
+}
+void name_setters()
+{
+    auto& p = para_profile;
+    p.video_caller = [](void* f, int s, int v) { event("video " + setter(f) + " " + out(s) + " " + out(v)); };
+    p.isp_caller = [](void* f, int s, int v) { event("isp " + setter(f) + " " + out(s) + " " + out(v)); };
+    p.audio_caller = [](void* f, int v) { event("audio " + setter(f) + " " + out(v)); };
+    p.af_caller = [](void* f, int v) { event("af " + setter(f) + " " + out(v)); };
+}
+#undef S
 #undef E
 #undef C
 #undef I
@@ -381,6 +405,8 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
         } else if (op == "logs") {
             int n = std::stoi(word(rest));
             EXPECT_EQ(log.count(rest), n) << log.dump();
+        } else if (op == "setters") {
+            name_setters();
         } else if (op == "mkdir") {
             EXPECT_EQ(mkdir((tmp.rw() + "/" + rest).c_str(), 0775), 0);
         } else if (op == "rwdir") {
