@@ -4,12 +4,4 @@
 
 #include <gtest/gtest.h>
 
-class Typed : public ::testing::TestWithParam<std::string> {};
-
-TEST_P(Typed, Scenario)
-{
-    scenario::run("typed", GetParam(), false);
-}
-
-INSTANTIATE_TEST_SUITE_P(Data, Typed, ::testing::ValuesIn(scenario::list("typed")),
-                         [](const auto& info) { return info.param; });
+SCENARIO_TESTS(Typed, "typed", false);

@@ -17,12 +17,8 @@
 #include <thread>
 #include <vector>
 
-class CommonScenario : public ::testing::TestWithParam<std::string> {};
-TEST_P(CommonScenario, Runs) { scenario::run("common", GetParam(), false); }
-INSTANTIATE_TEST_SUITE_P(Files, CommonScenario, ::testing::ValuesIn(scenario::list("common")));
-class ConfLineScenario : public ::testing::TestWithParam<std::string> {};
-TEST_P(ConfLineScenario, Runs) { scenario::run("conf_lines", GetParam(), false); }
-INSTANTIATE_TEST_SUITE_P(Files, ConfLineScenario, ::testing::ValuesIn(scenario::list("conf_lines")));
+SCENARIO_TESTS(CommonScenario, "common", false);
+SCENARIO_TESTS(ConfLineScenario, "conf_lines", false);
 
 TEST(Trace, LevelFilterPrefixAndLineFeed)
 {

@@ -13,11 +13,9 @@
 
 namespace {
 char* k(const char* s) { return const_cast<char*>(s); }
-class OdmScenario : public ::testing::TestWithParam<std::string> {};
 } // namespace
 
-TEST_P(OdmScenario, Runs) { scenario::run("odm", GetParam(), false); }
-INSTANTIATE_TEST_SUITE_P(Files, OdmScenario, ::testing::ValuesIn(scenario::list("odm")));
+SCENARIO_TESTS(OdmScenario, "odm", false);
 
 TEST(Odm, NoReadWriteDirectoryKeepsStoreInMemoryOnly)
 {

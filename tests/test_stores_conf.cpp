@@ -12,9 +12,7 @@
 #include <atomic>
 #include <thread>
 
-class StoresConf : public ::testing::TestWithParam<std::string> {};
-TEST_P(StoresConf, Scenario) { scenario::run("stores_conf", GetParam(), false); }
-INSTANTIATE_TEST_SUITE_P(Files, StoresConf, ::testing::ValuesIn(scenario::list("stores_conf")));
+SCENARIO_TESTS(StoresConf, "stores_conf", false);
 
 TEST(ConfStore, SaveWaitsForTheFileLock)
 {

@@ -8,12 +8,8 @@
 #include "scenario.h"
 #include "support.h"
 
-class StoresJson : public ::testing::TestWithParam<std::string> {};
-TEST_P(StoresJson, Scenario) { scenario::run("stores_json", GetParam(), false); }
-INSTANTIATE_TEST_SUITE_P(Files, StoresJson, ::testing::ValuesIn(scenario::list("stores_json")));
-class StoresMisc : public ::testing::TestWithParam<std::string> {};
-TEST_P(StoresMisc, Scenario) { scenario::run("stores_misc", GetParam(), false); }
-INSTANTIATE_TEST_SUITE_P(Files, StoresMisc, ::testing::ValuesIn(scenario::list("stores_misc")));
+SCENARIO_TESTS(StoresJson, "stores_json", false);
+SCENARIO_TESTS(StoresMisc, "stores_misc", false);
 
 TEST(JsonUtil, PrintSafeNamesBadTrees)
 {
