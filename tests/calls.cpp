@@ -182,6 +182,7 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"register_para_handle_extern", V(module_para_handle_s h{}; h.parse_name = a(v, 0); register_para_handle_extern(&h))},
     {"register_param_command", I(register_param_command(a(v, 0), nullptr, n(v, 1)))},
     {"para_server_bind_address", I(para_server_bind_address(a(v, 0)))},
+    {"para_share_unpublish", I(para_share_unpublish(n(v, 0)))},
 };
 #undef I
 #undef V
