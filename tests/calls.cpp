@@ -280,9 +280,9 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"cfg_save", [](Args& v) { FILE* f = fopen(a(v, 0), "w"); g_cfg->loop(g_cfg, loop_2_conf, f); return std::to_string(fclose(f)); }},
     {"cfg_loop_buf", [](Args& v) { std::string b(n(v, 0), '\0'); loop_buf_s lb{b.data(), n(v, 0), 0, 0}; g_cfg->loop(g_cfg, loop_2_buf, &lb); return std::to_string(lb.ret) + " " + std::to_string(lb.used) + " " + (lb.ret ? "" : b.c_str()); }},
     {"register_para_handle_extern", V(module_para_handle_s h{}; h.parse_name = a(v, 0); register_para_handle_extern(&h))},
-    {"register_param_command", I(register_param_command(a(v, 0), nullptr, n(v, 1)))},
-    {"para_server_bind_address", I(para_server_bind_address(a(v, 0)))},
-    {"para_share_unpublish", I(para_share_unpublish(n(v, 0)))},
+    {"register_param_command", R(register_param_command(a(v, 0), nullptr, n(v, 1)))},
+    {"para_server_bind_address", R(para_server_bind_address(a(v, 0)))},
+    {"para_share_unpublish", R(para_share_unpublish(n(v, 0)))},
 };
 #undef R
 #undef V
