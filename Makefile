@@ -179,7 +179,7 @@ bench:
 # processes keep the rate up.
 FUZZ_BUILD    ?= build-fuzz
 FUZZ_SECONDS  ?= 60
-FUZZ_TARGETS  ?= $(sort $(basename $(notdir $(wildcard fuzz/fuzz_*.cpp))))
+FUZZ_TARGETS  ?= $(sort $(notdir $(wildcard fuzz/corpus/fuzz_*)))
 FUZZ_ARGS     ?=
 FUZZ_PACKAGES := clang-14 libclang-rt-14-dev cmake make pkg-config libcjson-dev
 
