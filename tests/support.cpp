@@ -12,6 +12,9 @@
 
 #include "para_internal.h"
 
+// Present in a coverage build only: a child that ends by _exit writes no counts.
+extern "C" void __gcov_dump() __attribute__((weak));
+
 namespace test {
 
 namespace fs = std::filesystem;
@@ -145,6 +148,38 @@ CommandResult run_command(const std::string& cmd)
     int st = p ? pclose(p) : -1;
     r.status = p && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     return r;
+}
+
+std::string in_child(const std::function<std::string()>& fn)
+{
+    int p[2];
+    if (pipe(p) != 0)
+        return "pipe failed";
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(p[0]);
+        std::string out = fn();
+        for (size_t done = 0; done < out.size();) {
+            ssize_t n = write(p[1], out.data() + done, out.size() - done);
+            if (n <= 0)
+                break;
+            done += static_cast<size_t>(n);
+        }
+        if (__gcov_dump)
+            __gcov_dump();
+        _exit(0);
+    }
+    close(p[1]);
+    std::string out;
+    char buf[4096];
+    for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;)
+        out.append(buf, static_cast<size_t>(n));
+    close(p[0]);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    return WIFEXITED(st) && WEXITSTATUS(st) == 0 ? out
+           : WIFEXITED(st)                      ? "exit " + std::to_string(WEXITSTATUS(st))
+                                                : "signal " + std::to_string(WTERMSIG(st));
 }
 
 std::string compact(const std::string& json_text)

@@ -12,10 +12,8 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 
 namespace {
 
@@ -88,34 +86,7 @@ const Persisted kModules[] = {
      [] { return para_save_conf(C("netport")); }, kLines, false},
 };
 
-/* fn's text, run in a forked child (fresh module state, the parent's files);
- * "crash <status>" when it did not exit normally. */
-std::string in_child(const std::function<std::string()>& fn)
-{
-    int p[2];
-    if (pipe(p) != 0)
-        return "pipe failed";
-    pid_t pid = fork();
-    if (pid == 0) {
-        std::string out = fn();
-        for (size_t done = 0; done < out.size();) {
-            ssize_t n = write(p[1], out.data() + done, out.size() - done);
-            if (n <= 0)
-                break;
-            done += static_cast<size_t>(n);
-        }
-        _exit(0);
-    }
-    close(p[1]);
-    std::string out;
-    char buf[4096];
-    for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;)
-        out.append(buf, static_cast<size_t>(n));
-    close(p[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? out : "crash " + std::to_string(status);
-}
+using test::in_child;
 
 /* Writes past limit bytes fail with EFBIG (no signal) while alive. */
 struct FileSizeLimit {
