@@ -1,6 +1,7 @@
 // Settings survive crashes, power cuts, full disks and damaged files: every
 // file the library writes is replaced whole or not at all.
 #include "para_internal.h"
+#include "scenario.h"
 #include "support.h"
 
 #include <gtest/gtest.h>
@@ -33,9 +34,6 @@ void make_device(test::TempDir& dir, bool old_misc)
     test::copy_dir_files(kData, dir.ro());
     if (old_misc)
         test::copy_dir_files(kData + "old", dir.ro());
-    para::JsonPtr map(cJSON_Parse(test::read_file(dir.ro() + "/www2json.json")->c_str()));
-    cJSON_ReplaceItemInObject(map.get(), "json_pattern_list", cJSON_Parse(R"(["misc","cam"])"));
-    test::write_file(dir.ro() + "/www2json.json", para::CharPtr(cJSON_Print(map.get())).get());
 }
 
 void start(test::TempDir& dir)
@@ -73,7 +71,7 @@ std::map<std::string, std::string> load_in_child(test::TempDir& dir)
         start(dir);
         std::string out = "odm " + (json_odm_file ? test::compact(para::CharPtr(cJSON_Print(json_odm_file)).get()) : "{}");
         for (std::string m : kModules)
-            out += "\n" + m + " " + test::udp_request(R"({"msg_type":"get",")" + m + R"(":["all"]})", 2000, para_server_bound_port()).value_or("-");
+            out += "\n" + m + " " + test::compact(test::udp_request(R"({"msg_type":"get",")" + m + R"(":["all"]})", 2000, para_server_bound_port()).value_or("-"));
         return out;
     }));
     std::map<std::string, std::string> out;
@@ -236,49 +234,8 @@ TEST_P(Faults, OldFileStaysAndTheSaveIsRetried)
 const Fault kFaults[] = {{"fsize", 64}, {"enospc", 0}};
 DURABLE_SUITE(Durable, Faults, kFaults);
 
-/* A current file its module did not load (read-only file taken away, or
- * made unparsable with '!') stays as it is; a damaged one is set aside as
- * .bad (replacing older evidence) before the first save replaces it. */
-struct Leftover { const char* name; const char* ro; const char* file; std::string content; };
-const std::string kUnloaded = "level=7\nmode=off\n";
-const Leftover kLeftovers[] = {
-    {"misc_no_ro_conf", "misc.conf", "misc.conf", kUnloaded},
-    {"json_no_range", "cam_range.json", "cam.conf", kUnloaded},
-    {"json_bad_range", "!cam_range.json", "cam.conf", kUnloaded},
-    {"video_no_range", "video_range.json", "video_cur.json", kUnloaded},
-    {"video_cut", "", "video_cur.json", "{\n\t\"video0\":\t{\n\t\t\"gop\":\t1"},
-    {"audio_zeroed", "", "audio_cur.json", std::string(64, '\0')},
-    {"isp_not_json", "", "isp_cur.json", "isp0 bright=3\n"},
-    {"af_empty", "", "af_cur.json", ""},
-    {"odm_cut", "", "persist/odm.json", "{\"version\":1,\"a"},
-    {"misc_old_cut", "", "misc_cur.json", "{\"vi_frame"}, // the older layout
-};
-class Leftovers : public ::testing::TestWithParam<Leftover> {};
-
-TEST_P(Leftovers, StayWhenUnloadedAndAreSetAsideWhenDamaged)
-{
-    test::TempDir dir;
-    const Leftover& c = GetParam();
-    std::string ro = c.ro, path = dir.rw() + "/" + c.file;
-    bool damaged = ro.empty();
-    make_device(dir, std::string(c.file) == "misc_cur.json");
-    mkdir((dir.rw() + "/persist").c_str(), 0775);
-    if (!damaged)
-        ro[0] == '!' ? test::write_file(dir.ro() + "/" + ro.substr(1), "{ not json") : void(unlink((dir.ro() + "/" + ro).c_str()));
-    else
-        test::write_file(path + ".bad", "older evidence");
-    test::write_file(path, c.content);
-    EXPECT_EQ(test::in_child([&] {
-                  test::LogCapture log(PARA_ERR);
-                  start(dir), para_set_odm_int(const_cast<char*>("x"), 1), platformparam_stop(1);
-                  return !damaged || log.contains(path + ".bad") ? "" : "no log: " + log.dump();
-              }),
-              "");
-    EXPECT_EQ(test::read_file(damaged ? path + ".bad" : path), c.content);
-    EXPECT_EQ(test::read_file(path) == c.content, !damaged);
-}
-
-DURABLE_SUITE(Durable, Leftovers, kLeftovers);
+// Current files a module did not load stay; damaged ones are set aside as .bad.
+SCENARIO_TESTS(Leftovers, "leftovers", false);
 
 /* A change every 1.5 s never lets the 2 s delay pass: it is saved once the
  * first unsaved change is 20 s old. Quiet changes keep the plain delay. */
