@@ -115,10 +115,13 @@ protected:
         test::copy_dir_files(test::example_device_dir(), dir.ro());
         dir.use_as_profile();
         para_set_video_save_param_time(0), para_set_audio_save_param_time(0);
+        int threads = 0;
         DIR* d = opendir("/proc/self/task"); // a child of a threaded process may not start threads
         for (dirent* e; d && (e = readdir(d));)
             threads += e->d_name[0] != '.';
         d ? closedir(d) : 0;
+        if (threads != 1)
+            GTEST_SKIP() << "run this test in a process of its own (ctest does)";
     }
     const Persisted& m() const { return *GetParam().m; }
     std::string cur_path() const { return dir.rw() + "/" + m().cur_file; }
@@ -135,7 +138,6 @@ protected:
     }
 
     test::TempDir dir;
-    int threads = 0;
 };
 
 std::string item_text(const cJSON* item)
@@ -172,8 +174,6 @@ std::string item_text(const cJSON* item)
 struct Cuts : Faults {};
 TEST_P(Cuts, CurrentFileCutAtEveryByte)
 {
-    if (threads != 1)
-        GTEST_SKIP() << "run this test in a process of its own (ctest does)";
     std::string saved, def;
     make_current_file(&saved, &def);
     auto full = test::read_file(cur_path());
@@ -203,8 +203,6 @@ TEST_P(Cuts, CurrentFileCutAtEveryByte)
 struct Storage : Faults {};
 TEST_P(Storage, FailedSaveKeepsValuesForALaterSave)
 {
-    if (threads != 1)
-        GTEST_SKIP() << "run this test in a process of its own (ctest does)";
     int kind = GetParam().shard; // 0 directory missing, 1 below a file, 2 disk full
     std::string saved, def, rw = dir.rw(), place = m().cur_file, blocker = dir.path() + "/blocker";
     if (kind == 2)
@@ -248,29 +246,3 @@ std::vector<Case> cases(int shards)
 std::string case_name(const ::testing::TestParamInfo<Case>& i) { return i.param.m->name + ("_" + std::to_string(i.param.shard)); }
 INSTANTIATE_TEST_SUITE_P(Modules, Cuts, ::testing::ValuesIn(cases(kShards)), case_name);
 INSTANTIATE_TEST_SUITE_P(Modules, Storage, ::testing::ValuesIn(cases(3)), case_name);
-
-/* The whole library: the sweep reports the failed save ("save err"), leaves
- * no cut file, and the save after the next change writes the earlier value. */
-TEST(FaultsLifecycle, SaveAfterAFailedSweepWritesEarlierValues)
-{
-    test::TempDir dir;
-    test::copy_dir_files(test::example_device_dir(), dir.ro());
-    dir.use_as_profile();
-    para_server_port = 0;
-    platformparam_set_save_param_time(50, 50);
-    platformparam_init();
-    test::LogCapture log(PARA_ERR);
-    std::string file = dir.rw() + "/video_cur.json";
-    {
-        FileSizeLimit limit(16);
-        para_set_video_gop_cur(1, 77);
-        ASSERT_TRUE(test::wait_until([&] { return log.contains("video0 save err"); }, 3000)) << log.dump();
-        EXPECT_FALSE(test::read_file(file)) << "no cut file is left";
-    }
-    EXPECT_EQ(para_get_video_gop_cur(1), 77);
-    para_set_video_qfactor_cur(0, 50);
-    auto has = [&](const char* text) { return test::read_file(file).value_or("").find(text) != std::string::npos; };
-    ASSERT_TRUE(test::wait_until([&] { return has("\"qfactor\":\t50"); }, 3000));
-    EXPECT_TRUE(has("\"gop\":\t77"));
-    platformparam_stop(1);
-}
