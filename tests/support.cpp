@@ -12,6 +12,11 @@
 
 #include "para_internal.h"
 
+#ifdef PARA_TEST_COVERAGE
+// A child that ends by _exit writes no coverage counts of its own.
+extern "C" void __gcov_dump();
+#endif
+
 namespace test {
 
 namespace fs = std::filesystem;
@@ -145,6 +150,39 @@ CommandResult run_command(const std::string& cmd)
     int st = p ? pclose(p) : -1;
     r.status = p && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     return r;
+}
+
+std::string in_child(const std::function<std::string()>& fn)
+{
+    int p[2];
+    if (pipe(p) != 0)
+        return "pipe failed";
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(p[0]);
+        std::string out = fn();
+        for (size_t done = 0; done < out.size();) {
+            ssize_t n = write(p[1], out.data() + done, out.size() - done);
+            if (n <= 0)
+                break;
+            done += static_cast<size_t>(n);
+        }
+#ifdef PARA_TEST_COVERAGE
+        __gcov_dump();
+#endif
+        _exit(0);
+    }
+    close(p[1]);
+    std::string out;
+    char buf[4096];
+    for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;)
+        out.append(buf, static_cast<size_t>(n));
+    close(p[0]);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    return WIFEXITED(st) && WEXITSTATUS(st) == 0 ? out
+           : WIFEXITED(st)                      ? "exit " + std::to_string(WEXITSTATUS(st))
+                                                : "signal " + std::to_string(WTERMSIG(st));
 }
 
 std::string compact(const std::string& json_text)

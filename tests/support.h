@@ -67,6 +67,10 @@ CommandResult run_command(const std::string& cmd);
 // "<emulator> " in a cross build, else "": prefix for re-running a test binary.
 inline std::string emulator_prefix() { return *PARA_TEST_EMULATOR ? PARA_TEST_EMULATOR " " : ""; }
 inline std::string tools_prefix() { return emulator_prefix() + PARA_BINARY_DIR + "/tools/"; }
+// fn run in a forked child (fresh module state, the same files): its text, or
+// "exit N" / "signal N" when the child ended otherwise (fn may _exit(N)).
+// The child's coverage counts are written before it ends.
+std::string in_child(const std::function<std::string()>& fn);
 // Compact form of a JSON text (parse + print unformatted), "" if not JSON.
 std::string compact(const std::string& json_text);
 

@@ -12,10 +12,8 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 
 namespace {
 
@@ -88,34 +86,7 @@ const Persisted kModules[] = {
      [] { return para_save_conf(C("netport")); }, kLines, false},
 };
 
-/* fn's text, run in a forked child (fresh module state, the parent's files);
- * "crash <status>" when it did not exit normally. */
-std::string in_child(const std::function<std::string()>& fn)
-{
-    int p[2];
-    if (pipe(p) != 0)
-        return "pipe failed";
-    pid_t pid = fork();
-    if (pid == 0) {
-        std::string out = fn();
-        for (size_t done = 0; done < out.size();) {
-            ssize_t n = write(p[1], out.data() + done, out.size() - done);
-            if (n <= 0)
-                break;
-            done += static_cast<size_t>(n);
-        }
-        _exit(0);
-    }
-    close(p[1]);
-    std::string out;
-    char buf[4096];
-    for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;)
-        out.append(buf, static_cast<size_t>(n));
-    close(p[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? out : "crash " + std::to_string(status);
-}
+using test::in_child;
 
 /* Writes past limit bytes fail with EFBIG (no signal) while alive. */
 struct FileSizeLimit {
@@ -144,10 +115,13 @@ protected:
         test::copy_dir_files(test::example_device_dir(), dir.ro());
         dir.use_as_profile();
         para_set_video_save_param_time(0), para_set_audio_save_param_time(0);
+        int threads = 0;
         DIR* d = opendir("/proc/self/task"); // a child of a threaded process may not start threads
         for (dirent* e; d && (e = readdir(d));)
             threads += e->d_name[0] != '.';
         d ? closedir(d) : 0;
+        if (threads != 1)
+            GTEST_SKIP() << "run this test in a process of its own (ctest does)";
     }
     const Persisted& m() const { return *GetParam().m; }
     std::string cur_path() const { return dir.rw() + "/" + m().cur_file; }
@@ -164,7 +138,6 @@ protected:
     }
 
     test::TempDir dir;
-    int threads = 0;
 };
 
 std::string item_text(const cJSON* item)
@@ -201,8 +174,6 @@ std::string item_text(const cJSON* item)
 struct Cuts : Faults {};
 TEST_P(Cuts, CurrentFileCutAtEveryByte)
 {
-    if (threads != 1)
-        GTEST_SKIP() << "run this test in a process of its own (ctest does)";
     std::string saved, def;
     make_current_file(&saved, &def);
     auto full = test::read_file(cur_path());
@@ -232,8 +203,6 @@ TEST_P(Cuts, CurrentFileCutAtEveryByte)
 struct Storage : Faults {};
 TEST_P(Storage, FailedSaveKeepsValuesForALaterSave)
 {
-    if (threads != 1)
-        GTEST_SKIP() << "run this test in a process of its own (ctest does)";
     int kind = GetParam().shard; // 0 directory missing, 1 below a file, 2 disk full
     std::string saved, def, rw = dir.rw(), place = m().cur_file, blocker = dir.path() + "/blocker";
     if (kind == 2)
@@ -277,29 +246,3 @@ std::vector<Case> cases(int shards)
 std::string case_name(const ::testing::TestParamInfo<Case>& i) { return i.param.m->name + ("_" + std::to_string(i.param.shard)); }
 INSTANTIATE_TEST_SUITE_P(Modules, Cuts, ::testing::ValuesIn(cases(kShards)), case_name);
 INSTANTIATE_TEST_SUITE_P(Modules, Storage, ::testing::ValuesIn(cases(3)), case_name);
-
-/* The whole library: the sweep reports the failed save ("save err"), leaves
- * no cut file, and the save after the next change writes the earlier value. */
-TEST(FaultsLifecycle, SaveAfterAFailedSweepWritesEarlierValues)
-{
-    test::TempDir dir;
-    test::copy_dir_files(test::example_device_dir(), dir.ro());
-    dir.use_as_profile();
-    para_server_port = 0;
-    platformparam_set_save_param_time(50, 50);
-    platformparam_init();
-    test::LogCapture log(PARA_ERR);
-    std::string file = dir.rw() + "/video_cur.json";
-    {
-        FileSizeLimit limit(16);
-        para_set_video_gop_cur(1, 77);
-        ASSERT_TRUE(test::wait_until([&] { return log.contains("video0 save err"); }, 3000)) << log.dump();
-        EXPECT_FALSE(test::read_file(file)) << "no cut file is left";
-    }
-    EXPECT_EQ(para_get_video_gop_cur(1), 77);
-    para_set_video_qfactor_cur(0, 50);
-    auto has = [&](const char* text) { return test::read_file(file).value_or("").find(text) != std::string::npos; };
-    ASSERT_TRUE(test::wait_until([&] { return has("\"qfactor\":\t50"); }, 3000));
-    EXPECT_TRUE(has("\"gop\":\t77"));
-    platformparam_stop(1);
-}
