@@ -3,7 +3,9 @@
 #include "para_internal.h"
 #include "support.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <functional>
 #include <map>
@@ -179,6 +181,15 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"cfg_dump", [](Args&) { return std::to_string(g_cfg->list.used) + " " + dump(g_cfg); }},
     {"cfg_save", [](Args& v) { FILE* f = fopen(a(v, 0), "w"); g_cfg->loop(g_cfg, loop_2_conf, f); return std::to_string(fclose(f)); }},
     {"cfg_loop_buf", [](Args& v) { std::string b(n(v, 0), '\0'); loop_buf_s lb{b.data(), n(v, 0), 0, 0}; g_cfg->loop(g_cfg, loop_2_buf, &lb); return std::to_string(lb.ret) + " " + std::to_string(lb.used) + " " + (lb.ret ? "" : b.c_str()); }},
+    {"reply_fits", [](Args& v) { auto r = test::udp_request(v.at(0), 2000, para_server_bound_port()); para::JsonPtr j(cJSON_Parse(r.value_or("").c_str())); return std::to_string(r && r->size() <= size_t(n(v, 1)) && cJSON_GetArraySize(cJSON_GetObjectItem(j.get(), a(v, 2))) <= n(v, 3)); }},
+    {"no_rw_dir", V(para_profile.param_rwfile_dir = const_cast<char*>(""))},
+    {"platformparam_stop", I(platformparam_stop(n(v, 0)))},
+    {"para_get_msg_id_opt", [](Args& v) { return req(v, para_get_msg_id_opt); }},
+    {"para_get_msg_name_opt", [](Args& v) { return req(v, para_get_msg_name_opt); }},
+    {"symlink", I(symlink(a(v, 0), a(v, 1)))},
+    {"chmod", I(chmod(a(v, 0), std::stoi(v.at(1), nullptr, 8)))},
+    {"lstat", [](Args& v) { struct stat st{}; char b[32]; lstat(a(v, 0), &st); snprintf(b, sizeof b, "%s %o", S_ISLNK(st.st_mode) ? "link" : "file", st.st_mode & 07777); return std::string(b); }},
+    {"entries", [](Args& v) { int k = 0; DIR* d = opendir(a(v, 0)); while (dirent* e = d ? readdir(d) : nullptr) k += e->d_name[0] != '.'; return d && closedir(d), std::to_string(k); }},
 };
 #undef I
 #undef V
