@@ -8,10 +8,6 @@
 #include "scenario.h"
 #include "support.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <random>
 #include <thread>
@@ -44,6 +40,11 @@ TEST(Trace, LevelFilterPrefixAndLineFeed)
     ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(log.lines()[0].back(), '\n');
     EXPECT_LT(log.lines()[0].size(), 4097u);
+    // Unprefixed, the trace writes what it is given: the line feeds are the format's.
+    log.clear();
+    dov_traceout(PARA_INFO, "%s", "two\n\n");
+    dov_traceout(PARA_INFO, "%s", "none");
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"two\n\n", "none"}));
 }
 
 TEST(Configure, ConcurrentWritersAndReaders)
@@ -97,28 +98,6 @@ TEST(FifoWork, TriggeredRecordsRunOnTheQueueThread)
     EXPECT_EQ(fifo_work_trigger(nullptr, nullptr), 2);
     fifo_work_drain();
     EXPECT_EQ(runs.load(), 103);
-}
-
-TEST(ConfLines, RewriteKeepsModeAndLinkAndLeavesNoTemporaryFile)
-{
-    test::TempDir dir;
-    std::string file = dir.path() + "/host.conf", link = dir.path() + "/link.conf";
-    test::write_file(file, "a=1\n");
-    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
-    ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
-    EXPECT_EQ(update_line_conf(&link[0], const_cast<char*>("a"), const_cast<char*>("a=2")), 0);
-    EXPECT_EQ(test::read_file(file), "a=2\n");
-    struct stat st{};
-    ASSERT_EQ(lstat(link.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISLNK(st.st_mode));
-    ASSERT_EQ(stat(file.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    int entries = 0;
-    DIR* d = opendir(dir.path().c_str());
-    while (dirent* e = readdir(d))
-        entries += e->d_name[0] != '.';
-    closedir(d);
-    EXPECT_EQ(entries, 4) << "ro, rw, host.conf, link.conf";
 }
 
 TEST(ConfLines, ConcurrentWritersLoseNoUpdate)
