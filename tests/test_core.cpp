@@ -144,8 +144,7 @@ TEST(Lifecycle, ClientRoleLoadsNothing)
 TEST(Lifecycle, SweepSavesDueRowsWithoutSocket)
 {
     int blocker = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
+    sockaddr_in a{AF_INET, 0, {}, {}};
     socklen_t len = sizeof a;
     ASSERT_EQ(bind(blocker, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     getsockname(blocker, reinterpret_cast<sockaddr*>(&a), &len);
