@@ -7,7 +7,9 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <functional>
 #include <map>
@@ -283,6 +285,15 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"register_param_command", R(register_param_command(a(v, 0), nullptr, n(v, 1)))},
     {"para_server_bind_address", R(para_server_bind_address(a(v, 0)))},
     {"para_share_unpublish", R(para_share_unpublish(n(v, 0)))},
+    {"reply_fits", [](Args& v) { auto r = test::udp_request(v.at(0), 2000, para_server_bound_port()); para::JsonPtr j(cJSON_Parse(r.value_or("").c_str())); return std::to_string(r && r->size() <= size_t(n(v, 1)) && cJSON_GetArraySize(cJSON_GetObjectItem(j.get(), a(v, 2))) <= n(v, 3)); }},
+    {"no_rw_dir", V(para_profile.param_rwfile_dir = const_cast<char*>(""))},
+    {"platformparam_stop", R(platformparam_stop(n(v, 0)))},
+    {"para_get_msg_id_opt", [](Args& v) { return req(v, para_get_msg_id_opt); }},
+    {"para_get_msg_name_opt", [](Args& v) { return req(v, para_get_msg_name_opt); }},
+    {"symlink", R(symlink(a(v, 0), a(v, 1)))},
+    {"chmod", R(chmod(a(v, 0), std::stoi(v.at(1), nullptr, 8)))},
+    {"lstat", [](Args& v) { struct stat st{}; char b[32]; lstat(a(v, 0), &st); snprintf(b, sizeof b, "%s %o", S_ISLNK(st.st_mode) ? "link" : "file", st.st_mode & 07777); return std::string(b); }},
+    {"entries", [](Args& v) { int k = 0; DIR* d = opendir(a(v, 0)); while (dirent* e = d ? readdir(d) : nullptr) k += e->d_name[0] != '.'; return d && closedir(d), std::to_string(k); }},
 };
 #undef R
 #undef V

@@ -1,5 +1,5 @@
 // Behaviours seen from outside: the scenarios of tests/data/exact/ (log texts, start-up with
-// bad files, the worker's wait), the trace, image styles, by-name writes, exported tables, leaks.
+// bad files, the worker's wait), image styles, by-name writes, exported tables, leaks.
 #include "para_internal.h"
 #include "scenario.h"
 #include "support.h"
@@ -7,15 +7,6 @@
 #include <dlfcn.h>
 
 SCENARIO_TESTS(ExactScenario, "exact", false);
-
-// The line feeds of a line are its format's: the trace adds none.
-TEST(Exact, TraceWritesWhatItIsGiven)
-{
-    test::LogCapture log(6);
-    dov_traceout(PARA_INFO, "%s", "two\n\n");
-    dov_traceout(PARA_INFO, "%s", "none");
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"two\n\n", "none"}));
-}
 
 // Lookups by index and by name: a style named in the file keeps its text
 // (the index rides along); a name the member does not know is -1000 to the

@@ -1,12 +1,10 @@
 // Factory store: loading and moving the file, version check, reads and
-// writes by kind, the delayed save, as scenarios of tests/data/odm; no
-// read-write directory and concurrent first writes here.
+// writes by kind, the delayed save, as scenarios of tests/data/odm;
+// concurrent first writes here.
 #include <gtest/gtest.h>
 
 #include "scenario.h"
 #include "support.h"
-
-#include <unistd.h>
 
 #include <thread>
 #include <vector>
@@ -16,22 +14,6 @@ char* k(const char* s) { return const_cast<char*>(s); }
 } // namespace
 
 SCENARIO_TESTS(OdmScenario, "odm", false);
-
-TEST(Odm, NoReadWriteDirectoryKeepsStoreInMemoryOnly)
-{
-    test::TempDir dir;
-    dir.use_as_profile();
-    char cwd[512];
-    ASSERT_TRUE(getcwd(cwd, sizeof cwd));
-    ASSERT_EQ(chdir(dir.path().c_str()), 0);
-    para_profile.param_rwfile_dir = k("");
-    EXPECT_EQ(para_init_odm(k("odmInter")), 0);
-    para_set_odm_int(k("x"), 1);
-    EXPECT_EQ(para_save_odm(k("odmInter")), 0);
-    EXPECT_FALSE(test::file_exists(dir.path() + "/persist"));
-    EXPECT_FALSE(test::file_exists(dir.path() + "/odm.json"));
-    EXPECT_EQ(chdir(cwd), 0);
-}
 
 TEST(Odm, ConcurrentFirstWritesCreateOneStore)
 {
