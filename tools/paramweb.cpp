@@ -415,6 +415,12 @@ int main(int argc, char** argv)
         web.stop();
     }).detach();
 
+    // The library's default options add SO_REUSEPORT, which lets a second
+    // paramweb share the address unnoticed; it is told instead.
+    web.set_socket_options([](socket_t sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     const std::string host = listen.substr(0, colon);
     if (!web.bind_to_port(host.c_str(), port)) {
         fprintf(stderr, "paramweb: cannot listen on %s\n", listen.c_str());

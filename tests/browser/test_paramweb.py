@@ -182,11 +182,65 @@ try:
     check(status.startswith("nothing saved"), "a number field refuses a text that is not a number")
     check(direct({"msg_type": "get", "video0": ["gop"], "video1": ["protocol"]}) ==
           {"video0": {"gop": 45}, "video1": {"protocol": before["sub_codec"]}}, "refused values never reach the library")
+
+    # HTTP without a browser: error statuses and the texts they carry.
+    def http(url, form=None):
+        try:
+            with urllib.request.urlopen(url, form and urllib.parse.urlencode(form).encode()) as r:
+                return r.status, r.read().decode()
+        except urllib.error.HTTPError as e:
+            return e.code, e.read().decode()
+
+    for path, want in (("/page/nosuch", 404), ("/nosuch", 404), ("/static/layout.html", 404),
+                       ("/static/nosuch.js", 404), ("/static/style.css", 200)):
+        check(http(BASE + path)[0] == want, f"GET {path} answers {want}")
+    check("No such page" in http(BASE + "/page/nosuch", {"a": "1"})[1], "a form for an unknown page is refused")
+    for form, note in (({"enc_bitrate": "4,5"}, "not a number"), ({"enc_gop": " 4"}, "not a whole number"),
+                       ({"enc_gop": ""}, "not a whole number")):
+        status, body = http(BASE + "/page/encode", form)
+        check(status == 400 and note in body, f"{form} is answered 400 '{note}'")
+    status, body = http(BASE + "/page/encode", {"enc_gop": "<'\">"})
+    check(status == 400 and 'value="&lt;&#39;&quot;&gt;"' in body, "a refused value is shown escaped")
+    status, body = http(BASE + "/page/encode", {"enc_gop": "46", "no_field": "1"})
+    check(status == 200 and "result=success" in body and
+          direct({"msg_type": "get", "video0": ["gop"]})["video0"]["gop"] == 46, "a field not on the page is ignored")
+
+    # A mapping paramd does not share: an unknown page, a long field name and
+    # changes too large for one request. Bad start-up options first.
+    web = lambda *a: subprocess.run([f"{BUILD}/tools/paramweb", *a], capture_output=True, text=True, timeout=10)
+    for args, code, text in ((["--help"], 0, "usage: paramweb"), (["--listen", "x"], 2, "usage: paramweb"),
+                             (["--bogus"], 2, "usage: paramweb"), (["extra"], 2, "usage: paramweb"),
+                             (["--map", "/nonexistent"], 1, "cannot read the mapping file /nonexistent"),
+                             (["--map", MAP, "--listen", f"127.0.0.1:{http_port}"], 1, "cannot listen on")):
+        r = web(*args)
+        check(r.returncode == code and text in r.stdout + r.stderr, f"paramweb {args}: {code}, {text}")
+    big = {f"field_{i:02}_" + "x" * 20: [f"field_{i:02}_" + "x" * 20, "S"] for i in range(150)}
+    json.dump({"ghost": ["video0"], "encode": ["video0", "big"], "image": ["long"], "big": big,
+               "long": {"m": ["n" * 32, "N"]}}, open(os.path.join(work, "map.json"), "w"))
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        base2 = "http://127.0.0.1:%d" % s.getsockname()[1]
+    procs.insert(1, subprocess.Popen([f"{BUILD}/tools/paramweb", "--listen", base2[7:], "--map",
+                                      os.path.join(work, "map.json")], stdout=log, stderr=log))
+    wait_for(lambda: urllib.request.urlopen(base2 + "/"), "second paramweb")
+    status, body = http(base2 + "/page/ghost")
+    check(status == 502 and "does not know this page: ghost=null" in body, "a page paramd does not know: 502")
+    check(http(base2 + "/page/encode", {k: "y" * 31 for k in big})[0] == 413, "a form body over 8 KB: 413")
+    status, body = http(base2 + "/page/encode", {k: "y" * 31 for k in list(big)[:100]})
+    check(status == 200 and "do not fit in one request" in body, "changes beyond one request are not sent")
+    status, body = http(base2 + "/page/image", {"n" * 32: "1"})
+    check(status == 400 and "field name longer than 31" in body, "a field name the form cannot carry")
+    procs[0].send_signal(signal.SIGTERM)
+    check(procs[0].wait(timeout=10) == 0, "paramd stops")
+    for form in (None, {"enc_gop": "47"}):
+        status, body = http(BASE + "/page/encode", form)
+        check(status == 502 and "no reply from the parameter server on port 6800" in body,
+              f"{'POST' if form else 'GET'} with paramd gone: 502")
 finally:
     if drv:
         drv.quit()
-    for p, sig in zip(reversed(procs), (signal.SIGTERM, signal.SIGINT)):
-        p.send_signal(sig)
+    for i, p in enumerate(reversed(procs)):
+        p.send_signal(signal.SIGINT if i % 2 else signal.SIGTERM)
     codes = [p.wait(timeout=10) for p in procs]
     print(open(os.path.join(work, "servers.log")).read()[-2000:])
     shutil.rmtree(work, ignore_errors=True)
