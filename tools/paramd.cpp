@@ -18,6 +18,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -245,19 +246,15 @@ enum class Store { none, video, isp, audio, af, json, conf };
 
 Store store_of(const module_para_handle_s& row)
 {
-    auto get = row.get_buf;
-    if (get == para_get_video_opt)
-        return Store::video;
-    if (get == para_get_isp_opt)
-        return Store::isp;
-    if (get == para_get_audio_opt)
-        return Store::audio;
-    if (get == para_get_af_opt)
-        return Store::af;
-    if (get == para_get_misc_opt)
-        return Store::json;
-    if (get == para_get_conf_opt)
-        return Store::conf;
+    using Getter = decltype(row.get_buf);
+    static const std::pair<Getter, Store> kStores[] = {
+        {para_get_video_opt, Store::video}, {para_get_isp_opt, Store::isp},
+        {para_get_audio_opt, Store::audio}, {para_get_af_opt, Store::af},
+        {para_get_misc_opt, Store::json},   {para_get_conf_opt, Store::conf},
+    };
+    for (const auto& [get, store] : kStores)
+        if (row.get_buf == get)
+            return store;
     return Store::none;
 }
 
