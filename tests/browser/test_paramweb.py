@@ -49,10 +49,10 @@ def fields(page):
     """(field, module, member, mark) of a page, each field once, as paramweb shows them."""
     seen, out = set(), []
     for module in pages[page]:
-        for member, spec in mapping.get(module, {}).items():
-            if spec[0] not in seen:
-                seen.add(spec[0])
-                out.append((spec[0], module, member, spec[2] if len(spec) > 2 else ""))
+        for member, entry in mapping.get(module, {}).items():
+            if entry[0] not in seen:
+                seen.add(entry[0])
+                out.append((entry[0], module, member, entry[2] if len(entry) > 2 else ""))
     return out
 
 
