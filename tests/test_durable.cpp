@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -138,10 +139,12 @@ struct Target {
     const char* holder;                           // the file that finally gets the text
     const char* bytes;                            // what it holds after; null: it is no regular file
     const char* log;                              // what the log says ("": nothing)
+    bool replaced = false;                        // a new file takes the name; a reader of the old one keeps it
 };
 
 const Target kTargets[] = {
-    {"symlink", [](const std::string& d) { return plain(d), symlink("f", (d + "/l").c_str()), d + "/l"; }, nullptr, "f", "new", ""},
+    {"plain", plain, nullptr, "f", "new", "", true},
+    {"symlink", [](const std::string& d) { return plain(d), symlink("f", (d + "/l").c_str()), d + "/l"; }, nullptr, "f", "new", "", true},
     {"dangling_symlink", [](const std::string& d) { return symlink("n", (d + "/l").c_str()), d + "/l"; }, nullptr, "n", "new", ""},
     {"symlink_loop", [](const std::string& d) { return symlink("l", (d + "/l").c_str()), d + "/l"; }, nullptr, "l", nullptr, "cannot follow its links"},
     {"hardlink", hardlink, nullptr, "f", "new", ""},
@@ -170,6 +173,7 @@ TEST_P(Targets, ReplaceWhatThePathNamesOrRefuse)
     std::string path = t.prepare(dir.rw()), holder = dir.rw() + "/" + t.holder;
     struct stat before {}, after {}, held_before {}, held {};
     bool existed = stat(holder.c_str(), &held_before) == 0;
+    std::ifstream old_reader(existed && S_ISREG(held_before.st_mode) ? holder : "");
     lstat(path.c_str(), &before);
     mode_t mask = umask(0);
     umask(mask);
@@ -193,6 +197,8 @@ TEST_P(Targets, ReplaceWhatThePathNamesOrRefuse)
     if (t.bytes && regular) {
         EXPECT_EQ(test::read_file(holder), t.bytes);
         EXPECT_EQ(held.st_mode & 07777, existed ? held_before.st_mode & 07777 : 0666u & ~mask);
+        if (old_reader.is_open())
+            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(old_reader), {}), t.replaced ? "old" : t.bytes);
     }
 }
 
