@@ -304,9 +304,28 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
 #undef IF_num
 } // namespace
 
-// Words are split at single spaces. "(null)" is a NULL text; "<N:c>" stands
-// for N times the character c; \n \r \t \s (space) \\ and \xHH are escapes;
-// "@ro/", "@rw/" and "@dir/" begin paths inside the scenario's directories.
+// \n \r \t \s (space) \0 \\ and \xHH.
+std::string unescape(const std::string& s)
+{
+    std::string out;
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] != '\\' || i + 1 == s.size()) {
+            out += s[i];
+            continue;
+        }
+        char c = s[++i];
+        if (c == 'x' && i + 2 < s.size() + 1) {
+            out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else
+            out += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : c == 's' ? ' ' : c == '0' ? '\0' : c;
+    }
+    return out;
+}
+
+// Words are split at single spaces, then unescaped. "(null)" is a NULL text;
+// "<N:c>" stands for N times the character c; "@ro/", "@rw/" and "@dir/"
+// begin paths inside the scenario's directories.
 std::string call(const std::string& line, const std::string& dir)
 {
     Args v;
@@ -318,15 +337,10 @@ std::string call(const std::string& line, const std::string& dir)
             if (arg[k] == '<' && colon < end && end == colon + 2 && isdigit(static_cast<unsigned char>(arg[k + 1]))) {
                 o.append(std::stoul(arg.substr(k + 1, colon - k - 1)), arg[colon + 1]);
                 k = end;
-            } else if (arg[k] == '\\' && k + 1 < arg.size()) {
-                char c = arg[++k];
-                if (c == 'x' && k + 2 < arg.size())
-                    o += static_cast<char>(std::stoi(arg.substr(k + 1, 2), nullptr, 16)), k += 2;
-                else
-                    o += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : c == 's' ? ' ' : c;
             } else
                 o += arg[k];
         }
+        o = unescape(o);
         for (const char* at : {"@ro/", "@rw/", "@dir/"})
             if (o.rfind(at, 0) == 0)
                 o = dir + (at[1] == 'd' ? "" : std::string("/") + at[1] + at[2]) + o.substr(strlen(at) - 1);

@@ -1,7 +1,7 @@
 // Steps of a scenario file, one per line ("#" starts a comment):
 //   ro SRC [NAME] / rw SRC [NAME]  copy tests/data/SRC into the ro or rw directory
 //   ro-example                     copy every file of examples/device into ro
-//   write ro|rw NAME TEXT          write TEXT (escapes \n \t \0 \\ \xHH) as a file
+//   write ro|rw NAME TEXT          write TEXT (escapes \n \r \t \s \0 \\ \xHH) as a file
 //   conf_save N / save_time AUDIO_MS VIDEO_MS / ext
 //   start / save / stop            platformparam_init / _save / _stop(1)
 //   > REQUEST / >! REQUEST         send a datagram and keep the reply / expect none
@@ -46,6 +46,7 @@
 
 namespace scenario {
 std::string call(const std::string& line, const std::string& dir);
+std::string unescape(const std::string& s);
 namespace {
 
 std::mutex events_mu;
@@ -126,24 +127,6 @@ void register_ext()
     register_para_handle_extern(&ext);
     ASSERT_EQ(register_param_command(const_cast<char*>("first"), first_cmds, 1), 0);
     ASSERT_EQ(register_param_command(const_cast<char*>("second"), second_cmds, 2), 0);
-}
-
-std::string unescape(const std::string& s)
-{
-    std::string out;
-    for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] != '\\' || i + 1 == s.size()) {
-            out += s[i];
-            continue;
-        }
-        char c = s[++i];
-        if (c == 'x' && i + 2 < s.size() + 1) {
-            out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else
-            out += c == 'n' ? '\n' : c == 't' ? '\t' : c == '0' ? '\0' : c;
-    }
-    return out;
 }
 
 // "word rest": splits off the first word.
