@@ -181,92 +181,92 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"para_conf_get_def_member_safe", [](Args& v) { return buf(n(v, 2), [&](char* b) { return para_conf_get_def_member_safe(a(v, 0), a(v, 1), b, n(v, 2)); }); }},
     {"para_save_conf_2_buf", [](Args& v) { return buf(n(v, 1), [&](char* b) { return para_save_conf_2_buf(a(v, 0), b, n(v, 1)); }); }},
     {"para_save_misc_conf_2_buf", [](Args& v) { return buf(n(v, 1), [&](char* b) { return para_save_misc_conf_2_buf(a(v, 0), b, n(v, 1)); }); }},
-    {"para_need_save_conf", R(para_need_save_conf(a(v, 0)))},
-    {"para_save_conf", R(para_save_conf(a(v, 0)))},
-    {"para_conf_set_member", R(para_conf_set_member(a(v, 0), a(v, 1), a(v, 2)))},
-    {"_para_conf_set_member", R(_para_conf_set_member(a(v, 0), a(v, 1), a(v, 2)))},
+    C(para_need_save_conf, a(v, 0))
+    C(para_save_conf, a(v, 0))
+    C(para_conf_set_member, a(v, 0), a(v, 1), a(v, 2))
+    C(_para_conf_set_member, a(v, 0), a(v, 1), a(v, 2))
     {"para_conf_key_IsChanged", [](Args& v) { return keys(v, para_conf_key_IsChanged); }},
-    {"para_key_IsChanged_devinfo", R(para_key_IsChanged_devinfo(nullptr, 0))},
-    {"para_need_update_netport", R(para_need_update_netport())},
+    C(para_key_IsChanged_devinfo, nullptr, 0)
+    C(para_need_update_netport)
     {"para_get_conf_opt", [](Args& v) { return req(v, para_get_conf_opt); }},
     {"para_get_misc_opt", [](Args& v) { return req(v, para_get_misc_opt); }},
     {"para_set_conf_opt", V(para_set_conf_opt(a(v, 0), para::JsonPtr(cJSON_Parse(a(v, 1))).get(), a(v, 0)))},
     {"para_set_misc_opt", V(para_set_misc_opt(a(v, 0), para::JsonPtr(cJSON_Parse(a(v, 1))).get(), a(v, 0)))},
-    {"fifo_work_trigger", R(fifo_work_trigger(a(v, 0), nullptr))},
+    C(fifo_work_trigger, a(v, 0), nullptr)
     {"fifo_work_drain", V(fifo_work_drain())},
-    {"para_get_json_min", R(para_get_json_min(a(v, 0), a(v, 1)))},
-    {"para_get_json_max", R(para_get_json_max(a(v, 0), a(v, 1)))},
-    {"para_get_json_def", R(para_get_json_def(a(v, 0), a(v, 1)))},
-    {"para_get_json_cur", R(para_get_json_cur(a(v, 0), a(v, 1)))},
-    {"para_set_json_cur", R(para_set_json_cur(a(v, 0), a(v, 1), n(v, 2)))},
-    {"_para_set_json_cur", R(_para_set_json_cur(a(v, 0), a(v, 1), n(v, 2)))},
-    {"para_set_json_cur_number", R(para_set_json_cur_number(a(v, 0), a(v, 1), n(v, 2)))},
-    {"para_set_json_cur_str", R(para_set_json_cur_str(a(v, 0), a(v, 1), a(v, 2)))},
+    C(para_get_json_min, a(v, 0), a(v, 1))
+    C(para_get_json_max, a(v, 0), a(v, 1))
+    C(para_get_json_def, a(v, 0), a(v, 1))
+    C(para_get_json_cur, a(v, 0), a(v, 1))
+    C(para_set_json_cur, a(v, 0), a(v, 1), n(v, 2))
+    C(_para_set_json_cur, a(v, 0), a(v, 1), n(v, 2))
+    C(para_set_json_cur_number, a(v, 0), a(v, 1), n(v, 2))
+    C(para_set_json_cur_str, a(v, 0), a(v, 1), a(v, 2))
     {"para_get_json_string", [](Args& v) { return buf(n(v, 2), [&](char* b) { return para_get_json_string(a(v, 0), a(v, 1), b, n(v, 2)); }); }},
-    {"peek_json_enum_type", R(peek_json_enum_type(a(v, 0), a(v, 1)))},
+    C(peek_json_enum_type, a(v, 0), a(v, 1))
     {"para_get_json_emum_str", [](Args& v) { return s(para_get_json_emum_str(a(v, 0), a(v, 1), n(v, 2))); }},
-    {"para_get_json_enum_index", R(para_get_json_enum_index(a(v, 0), a(v, 1), a(v, 2)))},
-    {"para_need_save_misc", R(para_need_save_misc(a(v, 0)))},
-    {"para_save_misc", R(para_save_misc(a(v, 0)))},
+    C(para_get_json_enum_index, a(v, 0), a(v, 1), a(v, 2))
+    C(para_need_save_misc, a(v, 0))
+    C(para_save_misc, a(v, 0))
     {"Create_Json_Misc_Object", [](Args& v) { para::JsonPtr o(cJSON_CreateObject()); Create_Json_Misc_Object(a(v, 0), o.get(), n(v, 1)); return js(o.get()); }},
     {"fix_old_misc_range_conf", [](Args& v) { para::JsonPtr in(cJSON_Parse(a(v, 0) ? a(v, 0) : "")); return js(para::JsonPtr(fix_old_misc_range_conf(in.get())).get()); }},
     {"fix_old_misc_def_cur_conf", [](Args& v) { configure* c = configure_init(); int r = fix_old_misc_def_cur_conf(a(v, 0), c); std::string d = dump(c); configure_free(c); return std::to_string(r) + " " + d; }},
     {"para_init_misc_legacy", [](Args& v) { configure *cur = nullptr, *def = nullptr; cJSON* range = nullptr; int r = para_init_misc_legacy(a(v, 0), &cur, &def, &range);
          std::string out = std::to_string(r) + " " + js(range) + " " + (cur ? dump(cur) : "(none)");
          return configure_free(cur), configure_free(def), cJSON_Delete(range), out; }},
-    {"para_get_misc_mirror_cur", R(para_get_misc_mirror_cur())},
-    {"para_get_misc_mirror_def", R(para_get_misc_mirror_def())},
-    {"para_get_misc_flip_cur", R(para_get_misc_flip_cur())},
-    {"para_get_misc_hdmivideoformat_max", R(para_get_misc_hdmivideoformat_max())},
-    {"para_get_misc_hdmivideoformat_def", R(para_get_misc_hdmivideoformat_def())},
+    C(para_get_misc_mirror_cur)
+    C(para_get_misc_mirror_def)
+    C(para_get_misc_flip_cur)
+    C(para_get_misc_hdmivideoformat_max)
+    C(para_get_misc_hdmivideoformat_def)
     {"para_get_misc_hdmivideoformat_str", [](Args& v) { return s(para_get_misc_hdmivideoformat_str(n(v, 0))); }},
-    {"para_get_misc_hdmivideoformat_num", R(para_get_misc_hdmivideoformat_num(a(v, 0)))},
-    {"para_get_misc_ViStrategy_cur", R(para_get_misc_ViStrategy_cur())},
-    {"para_get_misc_ViStrategy_max", R(para_get_misc_ViStrategy_max())},
-    {"para_get_misc_ndi_mode_cur", R(para_get_misc_ndi_mode_cur())},
-    {"para_get_misc_ndi_mode_min", R(para_get_misc_ndi_mode_min())},
-    {"para_set_misc_mirror_cur", R(para_set_misc_mirror_cur(n(v, 0)))},
-    {"para_set_misc_hdmivideoformat_cur", R(para_set_misc_hdmivideoformat_cur(n(v, 0)))},
-    {"para_set_misc_hdmivideoformat_cur_bystr", R(para_set_misc_hdmivideoformat_cur_bystr(a(v, 0)))},
-    {"para_set_misc_ViStrategy_cur_bystr", R(para_set_misc_ViStrategy_cur_bystr(a(v, 0)))},
-    {"para_init_odm", R(para_init_odm(a(v, 0)))},
+    C(para_get_misc_hdmivideoformat_num, a(v, 0))
+    C(para_get_misc_ViStrategy_cur)
+    C(para_get_misc_ViStrategy_max)
+    C(para_get_misc_ndi_mode_cur)
+    C(para_get_misc_ndi_mode_min)
+    C(para_set_misc_mirror_cur, n(v, 0))
+    C(para_set_misc_hdmivideoformat_cur, n(v, 0))
+    C(para_set_misc_hdmivideoformat_cur_bystr, a(v, 0))
+    C(para_set_misc_ViStrategy_cur_bystr, a(v, 0))
+    C(para_init_odm, a(v, 0))
     {"para_init_stage2_odm", V(para_init_stage2_odm(a(v, 0)))},
-    {"para_need_save_odm", R(para_need_save_odm(a(v, 0)))},
-    {"para_save_odm", R(para_save_odm(a(v, 0)))},
+    C(para_need_save_odm, a(v, 0))
+    C(para_save_odm, a(v, 0))
     {"para_set_odm_int", V(para_set_odm_int(a(v, 0), n(v, 1)))},
-    {"_para_set_odm_int", R(_para_set_odm_int(a(v, 0), n(v, 1)))},
+    C(_para_set_odm_int, a(v, 0), n(v, 1))
     {"para_set_odm_string", V(para_set_odm_string(a(v, 0), a(v, 1)))},
-    {"_para_set_odm_string", R(_para_set_odm_string(a(v, 0), a(v, 1)))},
+    C(_para_set_odm_string, a(v, 0), a(v, 1))
     {"para_get_odm_int", [](Args& v) { int x = -99; int r = para_get_odm_int(a(v, 0), v.size() > 1 ? nullptr : &x); return std::to_string(r) + " " + std::to_string(x); }},
     {"para_get_odm_string", [](Args& v) { return buf(PARA_ODM_STRING_MAX + 64, [&](char* b) { return para_get_odm_string(a(v, 0), v.size() > 1 ? nullptr : b); }); }},
     {"para_get_odm_string_safe", [](Args& v) { return buf(n(v, 1), [&](char* b) { return para_get_odm_string_safe(a(v, 0), b, n(v, 1)); }); }},
     {"odm_store", [](Args&) { return js(json_odm_file); }},
     {"odm_age", V(odm_item_start_time.tv_sec -= 3)}, // the latest change older than the save delay
-    {"update_conf", R(update_conf(a(v, 0), a(v, 1), a(v, 2)))},
-    {"update_line_conf", R(update_line_conf(a(v, 0), a(v, 1), a(v, 2)))},
-    {"update_line_conf_int", R(update_line_conf_int(a(v, 0), a(v, 1), n(v, 2), a(v, 3)))},
-    {"update_line_conf_str", R(update_line_conf_str(a(v, 0), a(v, 1), a(v, 2), a(v, 3)))},
-    {"para_conf_need_update", R(para_conf_need_update(a(v, 0)))},
+    C(update_conf, a(v, 0), a(v, 1), a(v, 2))
+    C(update_line_conf, a(v, 0), a(v, 1), a(v, 2))
+    C(update_line_conf_int, a(v, 0), a(v, 1), n(v, 2), a(v, 3))
+    C(update_line_conf_str, a(v, 0), a(v, 1), a(v, 2), a(v, 3))
+    C(para_conf_need_update, a(v, 0))
     {"conf_grow", V(for (int i = 0; i < n(v, 1); ++i) _para_conf_set_member(a(v, 0), ("k" + std::to_string(i)).c_str(), "v"))},
     {"hold", V(g_held = para_conf_get_member(a(v, 0), a(v, 1)))},
     {"held", [](Args&) { return s(g_held); }},
-    {"rm", R(std::remove(v.at(0).c_str()))},
-    {"json_object_get_int", R(json_object_get_int(cJSON_GetObjectItem(pj(v), a(v, 1))))},
+    E("rm", std::remove(v.at(0).c_str()))
+    C(json_object_get_int, cJSON_GetObjectItem(pj(v), a(v, 1)))
     {"json_object_get_string", [](Args& v) { return s(json_object_get_string(cJSON_GetObjectItem(pj(v), a(v, 1)))); }},
     {"json_object_load_number", [](Args& v) { int x = 0; int r = json_object_load_number(pj(v), a(v, 1), &x); return std::to_string(r) + " " + std::to_string(x); }},
     {"json_object_load_u8_array", [](Args& v) { uint8_t b[8] = {}; std::string out = std::to_string(json_object_load_u8_array(pj(v), a(v, 1), b, n(v, 2)));
          for (int i = 0; i < n(v, 2); ++i) out += " " + std::to_string(b[i]);
          return out; }},
     {"json_object_load_string", [](Args& v) { char* t = v.size() > 3 ? strdup(a(v, 3)) : nullptr; int r = json_object_load_string(pj(v), a(v, 1), &t, a(v, 2)); std::string out = std::to_string(r) + " " + s(t); free(t); return out; }},
-    {"mkdir", R(mkdir(v.at(0).c_str(), 0775))},
-    {"exists", R(test::file_exists(v.at(0)))},
+    C(mkdir, v.at(0).c_str(), 0775)
+    E("exists", test::file_exists(v.at(0)))
     {"put", V(test::write_file(v.at(0), v.at(1)))},
     {"stamp", V(g_inodes[v.at(0)] = inode(v[0].c_str()))}, // "same" then tells whether the file was replaced
-    {"same", R(g_inodes[v.at(0)] == inode(v[0].c_str()))},
-    {"cfg_parse", R(configure_parse(g_cfg ? g_cfg : (g_cfg = configure_init()), v.size() > 1 ? g_keys + n(v, 1) : nullptr, a(v, 0)))},
+    E("same", g_inodes[v.at(0)] == inode(v[0].c_str()))
+    E("cfg_parse", configure_parse(g_cfg ? g_cfg : (g_cfg = configure_init()), v.size() > 1 ? g_keys + n(v, 1) : nullptr, a(v, 0)))
     {"cfg_free", V(configure_free(g_cfg), g_cfg = nullptr)},
     {"cfg_keys", [](Args& v) { static std::vector<std::string> names; names = v; std::vector<const char*> k; for (auto& x : names) k.push_back(x.c_str()); g_keys = config_keys_format(k.data(), static_cast<uint8_t>(k.size())); return std::string(); }},
-    {"cfg_changed", R(configure_key_IsChanged(g_cfg, g_keys))},
+    E("cfg_changed", configure_key_IsChanged(g_cfg, g_keys))
     {"cfg_hold", V(g_entry = g_cfg->getparameter(g_cfg, a(v, 0)))},
     {"cfg_held", [](Args&) { return s(g_entry->value); }},
     {"cfg_grow", V(for (int i = 0; i < n(v, 0); ++i) g_cfg->put(g_cfg, ("k" + std::to_string(i)).c_str(), "v"))}, // reallocates the entries
@@ -275,23 +275,23 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"read_file_to_buf_len", [](Args& v) { size_t len = 0; para::CharPtr t(read_file_to_buf_len(a(v, 0), &len)); return t ? std::to_string(len) + " " + t.get() : "(none)"; }},
     {"lib_itoa", [](Args& v) { char b[12]; return s(lib_itoa(n(v, 0), b)); }},
     {"lib_common_diff_msec_timespec", [](Args& v) { timespec x{n(v, 0), n(v, 1)}, y{n(v, 2), n(v, 3)}; return std::to_string(lib_common_diff_msec_timespec(&x, &y)); }},
-    {"lib_system", R(lib_system(a(v, 0)))},
-    {"cfg_put", R(g_cfg->put(g_cfg, a(v, 0), a(v, 1)))},
+    C(lib_system, a(v, 0))
+    E("cfg_put", g_cfg->put(g_cfg, a(v, 0), a(v, 1)))
     {"cfg_get", [](Args& v) { return buf(n(v, 1), [&](char* b) { return g_cfg->get(g_cfg, a(v, 0), b, n(v, 1)); }); }},
     {"cfg_dump", [](Args&) { return std::to_string(g_cfg->list.used) + " " + dump(g_cfg); }},
     {"cfg_save", [](Args& v) { FILE* f = fopen(a(v, 0), "w"); g_cfg->loop(g_cfg, loop_2_conf, f); return std::to_string(fclose(f)); }},
     {"cfg_loop_buf", [](Args& v) { std::string b(n(v, 0), '\0'); loop_buf_s lb{b.data(), n(v, 0), 0, 0}; g_cfg->loop(g_cfg, loop_2_buf, &lb); return std::to_string(lb.ret) + " " + std::to_string(lb.used) + " " + (lb.ret ? "" : b.c_str()); }},
     {"register_para_handle_extern", V(module_para_handle_s h{}; h.parse_name = a(v, 0); register_para_handle_extern(&h))},
-    {"register_param_command", R(register_param_command(a(v, 0), nullptr, n(v, 1)))},
-    {"para_server_bind_address", R(para_server_bind_address(a(v, 0)))},
-    {"para_share_unpublish", R(para_share_unpublish(n(v, 0)))},
+    C(register_param_command, a(v, 0), nullptr, n(v, 1))
+    C(para_server_bind_address, a(v, 0))
+    C(para_share_unpublish, n(v, 0))
     {"reply_fits", [](Args& v) { auto r = test::udp_request(v.at(0), 2000, para_server_bound_port()); para::JsonPtr j(cJSON_Parse(r.value_or("").c_str())); return std::to_string(r && r->size() <= size_t(n(v, 1)) && cJSON_GetArraySize(cJSON_GetObjectItem(j.get(), a(v, 2))) <= n(v, 3)); }},
     {"no_rw_dir", V(para_profile.param_rwfile_dir = const_cast<char*>(""))},
-    {"platformparam_stop", R(platformparam_stop(n(v, 0)))},
+    C(platformparam_stop, n(v, 0))
     {"para_get_msg_id_opt", [](Args& v) { return req(v, para_get_msg_id_opt); }},
     {"para_get_msg_name_opt", [](Args& v) { return req(v, para_get_msg_name_opt); }},
-    {"symlink", R(symlink(a(v, 0), a(v, 1)))},
-    {"chmod", R(chmod(a(v, 0), std::stoi(v.at(1), nullptr, 8)))},
+    C(symlink, a(v, 0), a(v, 1))
+    C(chmod, a(v, 0), std::stoi(v.at(1), nullptr, 8))
     {"lstat", [](Args& v) { struct stat st{}; char b[32]; lstat(a(v, 0), &st); snprintf(b, sizeof b, "%s %o", S_ISLNK(st.st_mode) ? "link" : "file", st.st_mode & 07777); return std::string(b); }},
     {"entries", [](Args& v) { int k = 0; DIR* d = opendir(a(v, 0)); while (dirent* e = d ? readdir(d) : nullptr) k += e->d_name[0] != '.'; return d && closedir(d), std::to_string(k); }},
 };
