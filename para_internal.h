@@ -92,6 +92,19 @@ inline int module_result(int r)
 int durable_write(const char* func, const char* path, const void* data, size_t len,
                   bool lock = false, int held_fd = -1);
 
+/* Name changes that count as done only once their directory is on
+ * storage: the operation, then an fsync of the directory that holds the
+ * name (both directories for a rename). Logged under func's name; 0 or -1
+ * with errno kept from the failing step. */
+int durable_rename(const char* func, const char* from, const char* to);
+int durable_mkdir(const char* func, const char* path, mode_t mode);
+int durable_unlink(const char* func, const char* path);
+
+/* Before a file is read: finishes or drops an in-place rewrite of path that
+ * a crash interrupted, so that the reader sees the old or the new content
+ * whole. True when path may be read now. */
+bool journal_replay(const char* func, const char* path);
+
 /* Test hook, not exported: counts the file-system calls of durable writes;
  * call number at (1-based) is replaced by SIGKILL (mode 1) or fails with
  * ENOSPC (mode 2). at 0 disarms. fs_calls() answers the count so far. */

@@ -1,4 +1,5 @@
 #include "para_internal.h"
+#include "para_sys.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -339,6 +340,79 @@ int durable_write(const char* func, const char* path, const void* data, size_t l
         return kWriteFailed;
     }
     return 0;
+}
+
+namespace {
+
+std::string parent_dir(const char* path)
+{
+    const char* slash = std::strrchr(path, '/');
+    if (!slash)
+        return ".";
+    if (slash == path)
+        return "/";
+    return std::string(path, static_cast<size_t>(slash - path));
+}
+
+int fsync_dir(const std::string& dir)
+{
+    int fd;
+    while ((fd = sys::calls.open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0)) < 0 &&
+           errno == EINTR) {
+    }
+    if (fd < 0)
+        return -1;
+    int r;
+    while ((r = sys::calls.fsync(fd)) != 0 && errno == EINTR) {
+    }
+    int err = errno;
+    sys::calls.close(fd);
+    errno = err;
+    return r;
+}
+
+int name_change_done(const char* func, const char* what, const char* path, int r,
+                     const std::string& dir, const std::string& dir2 = std::string())
+{
+    if (r == 0 && (fsync_dir(dir) != 0 || (!dir2.empty() && dir2 != dir && fsync_dir(dir2) != 0))) {
+        PARA_LOG_FN(PARA_ERR, func, "%s %s: flushing its directory failed: %s\n", what, path,
+                    strerror(errno));
+        return -1;
+    }
+    if (r != 0)
+        PARA_LOG_FN(PARA_ERR, func, "%s %s failed: %s\n", what, path, strerror(errno));
+    return r == 0 ? 0 : -1;
+}
+
+} // namespace
+
+int durable_rename(const char* func, const char* from, const char* to)
+{
+    int r;
+    while ((r = sys::calls.rename(from, to)) != 0 && errno == EINTR) {
+    }
+    return name_change_done(func, "rename to", to, r, parent_dir(to), parent_dir(from));
+}
+
+int durable_mkdir(const char* func, const char* path, mode_t mode)
+{
+    int r;
+    while ((r = sys::calls.mkdir(path, mode)) != 0 && errno == EINTR) {
+    }
+    return name_change_done(func, "mkdir", path, r, parent_dir(path));
+}
+
+int durable_unlink(const char* func, const char* path)
+{
+    int r;
+    while ((r = sys::calls.unlink(path)) != 0 && errno == EINTR) {
+    }
+    return name_change_done(func, "unlink", path, r, parent_dir(path));
+}
+
+bool journal_replay(const char*, const char*)
+{
+    return true; // no journal yet
 }
 
 int format_decimal(long long v, char (&buf)[24])
