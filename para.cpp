@@ -324,7 +324,7 @@ extern "C" void platformparam_init(void)
     const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
     para::CharPtr text;
     if (para::make_path(path, para_profile.param_rofile_dir, map_name)) {
-        text.reset(read_file_to_buf(path));
+        text = std::move(para::read_file(__func__, path).text);
         if (!text)
             PARA_LOG(PARA_INFO, "mapping file %s not readable; default pattern lists apply\n", path);
     }

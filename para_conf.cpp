@@ -24,6 +24,8 @@ struct conf_S {
     std::atomic<configure*> conf{nullptr};
     char file_name[para::kSlotNameSize];
     para::ChangeState change;
+    /* The current file could be neither read nor moved aside: never written. */
+    std::atomic<bool> blocked{false};
 };
 
 conf_S conf_list[kConfSlots];
@@ -144,20 +146,24 @@ int collect_stale(void* argv, const char* key, const char* value)
  * file. A key the read-write file sets is never put back to its default on
  * the way: on a reload that would mark it changed (and show the default for
  * a moment) although its value stays. A first load marks nothing; a reload
- * marks what it changes, through configure_parse, in place. */
-void parse_layers(configure* cur, configure* def, const char* ro, const char* rw, bool first)
+ * marks what it changes, by parsing the texts again, in place. False when
+ * the read-write file could be neither read nor moved aside. */
+bool parse_layers(const char* fn, configure* cur, configure* def, const char* ro, const char* rw,
+                  bool first)
 {
     configure* over = configure_init();
     if (!over)
-        return;
-    bool have_rw = configure_parse(over, nullptr, rw) == 0;
+        return false; // the read-write file's values are not in memory: keep it
+
+    para::FileText rw_text;
+    para::CurLoad rw_load = para::parse_conf_file(fn, over, nullptr, rw, true, &rw_text);
     std::vector<std::string> stale;
     Layers l{cur, over, &stale};
     if (first) {
         def->loop(def, put_layered, &l);
         over->loop(over, put_over, &l);
         configure_free(over);
-        return;
+        return rw_load != para::CurLoad::blocked;
     }
     def->loop(def, collect_stale, &l);
     configure_free(over);
@@ -165,8 +171,11 @@ void parse_layers(configure* cur, configure* def, const char* ro, const char* rw
      * When most of a large file changed, one whole read is cheaper, at the
      * price of marking keys that the read-write file sets back. */
     constexpr size_t kBatch = UINT8_MAX, kMaxBatches = 4;
-    if (stale.size() > kBatch * kMaxBatches) {
-        configure_parse(cur, nullptr, ro);
+    para::FileText ro_text = para::read_file(fn, ro);
+    if (!ro_text.text) {
+        // The defaults were read a moment ago; the keys keep what they hold.
+    } else if (stale.size() > kBatch * kMaxBatches) {
+        configure_parse_buf(cur, nullptr, ro_text.text.get(), ro_text.len, nullptr);
     } else {
         for (size_t at = 0; at < stale.size(); at += kBatch) {
             std::vector<const char*> names;
@@ -175,11 +184,12 @@ void parse_layers(configure* cur, configure* def, const char* ro, const char* rw
             std::unique_ptr<config_keys, para::FreeDeleter> list(
                 config_keys_format(names.data(), static_cast<uint8_t>(names.size())));
             if (list)
-                configure_parse(cur, list.get(), ro);
+                configure_parse_buf(cur, list.get(), ro_text.text.get(), ro_text.len, nullptr);
         }
     }
-    if (have_rw)
-        configure_parse(cur, nullptr, rw);
+    if (rw_text.text)
+        configure_parse_buf(cur, nullptr, rw_text.text.get(), rw_text.len, nullptr);
+    return rw_load != para::CurLoad::blocked;
 }
 
 int get_text(configure* store, const char* key, char* buf, int size)
@@ -302,7 +312,7 @@ int para_init_single_conf(char* parse_name)
     char ro[PARA_PATH_MAX], rw[PARA_PATH_MAX];
     bool paths = para::make_path(ro, para_profile.param_rofile_dir, slot.file_name, ".conf") &&
                  para::make_path(rw, para_profile.param_rwfile_dir, slot.file_name, ".conf");
-    if (!paths || configure_parse(def, nullptr, ro) != 0) {
+    if (!paths || para::parse_conf_file(__func__, def, nullptr, ro, false) != para::CurLoad::read) {
         PARA_LOG(PARA_INFO, "%s unloaded: %s unreadable\n", slot.file_name, ro);
         slot.conf = nullptr;
         slot.def_conf = nullptr;
@@ -315,7 +325,7 @@ int para_init_single_conf(char* parse_name)
         }
         return -1;
     }
-    parse_layers(cur, def, ro, rw, fresh);
+    slot.blocked = !parse_layers(__func__, cur, def, ro, rw, fresh);
     if (fresh) {
         slot.def_conf = def;
         slot.conf = cur;
@@ -426,7 +436,7 @@ int para_need_save_conf(char* parse_name)
         return -1;
     /* An unloaded module has nothing left to write; answering 1 would have
      * the sweep call a save that can only fail, ten times a second. */
-    if (!conf_list[s].conf.load())
+    if (!conf_list[s].conf.load() || conf_list[s].blocked)
         return 0;
     return conf_list[s].change.due(kSaveDelayMs) ? 1 : 0;
 }
@@ -440,6 +450,10 @@ int para_save_conf(char* parse_name)
     if (!store)
         return -1;
     conf_list[s].change.take();
+    if (conf_list[s].blocked) {
+        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
+        return 0;
+    }
     char path[PARA_PATH_MAX];
     if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
         return 0;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 
 /* Every line of the library carries "[para <function> +<line>]" and its own
@@ -56,17 +57,60 @@ using CharPtr = std::unique_ptr<char, FreeDeleter>;
 bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
                const char* suffix = nullptr);
 
+/* The one way the library reads a file. The path's links are followed; only
+ * a regular file of at most kReadCap bytes is read, opened without blocking
+ * (a FIFO must not stall start-up). Failures that may pass (EINTR, EAGAIN,
+ * EMFILE/ENFILE, ENOMEM, a file that changed size while read) are tried again
+ * a few times after a short pause. Nothing is logged here: the callers know
+ * what the file is for. */
+constexpr size_t kReadCap = size_t(1) << 20;
+enum class ReadFault { none, missing, unreadable, not_regular, too_big };
+struct FileText {
+    CharPtr text; // NUL-terminated; len bytes before the NUL (which may hold NULs)
+    size_t len = 0;
+    ReadFault fault = ReadFault::none;
+    int err = 0;     // errno of the failure
+    int retries = 0; // passing failures that were overcome
+};
+FileText read_guarded(const char* path);
+/* The cause of a failed read as text, for log lines. */
+std::string read_cause(const FileText& f);
+
+/* A read-only file (ranges, defaults, mapping, styles): a failure other than
+ * a missing file, and a read that had to be repeated, is logged at level 3
+ * under func's name. Empty text when it was not read. */
+FileText read_file(const char* func, const char* path);
+
+/* A current-value file, which must never be replaced by defaults while it
+ * holds values nobody changed. After an interrupted rewrite is finished
+ * (journal_replay), the file is read; one that exists but cannot be read is
+ * logged at level 3 and renamed to <path>.bad, so the module may write the
+ * name again. If it cannot even be renamed, the module must not write it. */
+enum class CurLoad { read, absent, moved_aside, blocked };
+CurLoad read_current(const char* func, const char* path, FileText& out);
+
+/* A .conf file parsed into store (keys: NULL for all) through the guarded
+ * read. current: the file is a current-value file (read_current); else a
+ * read-only one, whose failure gives CurLoad::blocked and is logged. A line
+ * the store cannot hold is logged at level 3 and, for a current file, the
+ * file is copied to <path>.bad before any save can drop the line. The text
+ * read is handed out through text when given. */
+CurLoad parse_conf_file(const char* func, configure* store, const config_keys* keys,
+                        const char* path, bool current, FileText* text = nullptr);
+
 /* Reads and parses a JSON file. Logs "Error before: [%s]" for fn on a parse
  * error, followed by an empty line when blank_line. *unreadable tells the two
- * failures apart. With keep_bad (current-value files), a file that exists but
- * does not parse is first copied aside as <path>.bad, so the next save cannot
- * erase it. */
+ * failures apart. With keep_bad (current-value files), the file is read by
+ * read_current (*how tells what became of it), and one that exists
+ * but does not parse is first copied aside as <path>.bad, so the next save
+ * cannot erase it. */
 JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line,
-                       bool keep_bad = false);
+                       bool keep_bad = false, CurLoad* how = nullptr);
 
-/* Copies the file at path to <path>.bad (the newest copy only), logged at
- * level 3 under func's name. */
+/* Copies the file at path (or the len bytes of it already read) to
+ * <path>.bad (the newest copy only), logged at level 3 under func's name. */
 void keep_bad_copy(const char* func, const char* path);
+void keep_bad_copy(const char* func, const char* path, const char* bytes, size_t len);
 
 /* Results of a durable write besides 0: nothing could be opened or
  * created (the modules report that as 0, the file is simply skipped), or

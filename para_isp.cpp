@@ -408,7 +408,8 @@ int para_init_isp(char* parse_name)
     }
 
     int parse_ok = 0;
-    if (para::JsonPtr cur = para::load_json_file(__func__, cur_path, nullptr, true, true)) {
+    para::CurLoad how = para::CurLoad::absent;
+    if (para::JsonPtr cur = para::load_json_file(__func__, cur_path, nullptr, true, true, &how)) {
         load_cur_file(cur.get());
         parse_ok = 1;
     }
@@ -418,7 +419,7 @@ int para_init_isp(char* parse_name)
         for (int i = 0; i < PARA_ISP_NUM; ++i)
             para_isp_init[i] = para_isp_cur[i];
     }
-    isp_loaded = true;
+    isp_loaded = how != para::CurLoad::blocked;
     isp_page();
     return 0;
 }

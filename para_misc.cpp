@@ -24,7 +24,8 @@ configure* conf_cur[kJsonSlots];
 configure* conf_def[kJsonSlots];
 para::ChangeState misc_item_change[kJsonSlots];
 /* Set once the module's files loaded: a store that did not load holds no
- * settings and must never be written over the good file. */
+ * settings and must never be written over the good file (nor over a current
+ * file that could be neither read nor moved aside). */
 bool misc_loaded[kJsonSlots];
 
 int check_conf_list(const char* name)
@@ -97,20 +98,22 @@ void log_current(const char* fn, int slot)
 }
 
 /* Loads range file and stores of a JSON module into slot s; false when the
- * module has to give its slot to the next one. */
-bool load_module(const char* fn, int s, const char* name)
+ * module has to give its slot to the next one. *writable is false when its
+ * current file exists but could be neither read nor moved aside. */
+bool load_module(const char* fn, int s, const char* name, bool* writable)
 {
+    *writable = true;
     conf_cur[s] = configure_init();
     conf_def[s] = configure_init();
     char path[PARA_PATH_MAX];
     if (!para::make_path(path, para_profile.param_rofile_dir, name, "_range.json"))
         return false;
-    para::CharPtr text(read_file_to_buf(path));
-    if (!text) {
+    para::FileText range = para::read_file(fn, path);
+    if (!range.text) {
         PARA_LOG_FN(PARA_INFO, fn, "Error range %s\n", path);
         return false;
     }
-    para::JsonPtr tree(cJSON_Parse(text.get()));
+    para::JsonPtr tree(cJSON_Parse(range.text.get()));
     if (!tree) {
         const char* at = cJSON_GetErrorPtr();
         PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n", at ? at : "(null)");
@@ -120,13 +123,13 @@ bool load_module(const char* fn, int s, const char* name)
     cJSON_Print_safe(misc_range[s]);
     if (!para::make_path(path, para_profile.param_rofile_dir, name, ".conf"))
         return false;
-    if (configure_parse(conf_def[s], nullptr, path) != 0) {
+    if (para::parse_conf_file(fn, conf_def[s], nullptr, path, false) != para::CurLoad::read) {
         PARA_LOG_FN(PARA_INFO, fn, "%s configure_parse fail\n", path);
         return false;
     }
-    configure_parse(conf_cur[s], nullptr, path);
+    para::parse_conf_file(fn, conf_cur[s], nullptr, path, false);
     if (para::make_path(path, para_profile.param_rwfile_dir, name, ".conf"))
-        configure_parse(conf_cur[s], nullptr, path);
+        *writable = para::parse_conf_file(fn, conf_cur[s], nullptr, path, true) != para::CurLoad::blocked;
     return true;
 }
 
@@ -316,10 +319,10 @@ int para_init_misc(char* parse_name)
     if (para::same(parse_name, "misc")) {
         misc_loaded[s] =
             para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]) == 0;
-    } else if (!load_module(__func__, s, conf_list[s].file_name)) {
+    } else if (bool writable; !load_module(__func__, s, conf_list[s].file_name, &writable)) {
         return 0;
     } else {
-        misc_loaded[s] = true;
+        misc_loaded[s] = writable;
     }
     log_current(__func__, s);
     ++init_flag;

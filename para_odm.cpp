@@ -137,6 +137,9 @@ OdmTarget odm_target(char* out, int size = PARA_ODM_STRING_MAX)
 
 /* ---- store ---------------------------------------------------------- */
 
+/* The store file could be neither read nor moved aside: it is never written. */
+bool odm_blocked;
+
 /* Runs once per process: a loaded store is kept as it is, a missing one
  * starts with the current format version. */
 void check_json_odm_file()
@@ -217,7 +220,9 @@ int para_init_odm(char* parse_name)
             PARA_LOG(PARA_ERR, "moving %s to %s failed: %s\n", p.old_file, p.file, strerror(errno));
     }
     bool unreadable = false;
-    para::JsonPtr json = para::load_json_file(__func__, p.file, &unreadable, true, true);
+    para::CurLoad how = para::CurLoad::absent;
+    para::JsonPtr json = para::load_json_file(__func__, p.file, &unreadable, true, true, &how);
+    odm_blocked = how == para::CurLoad::blocked;
     if (unreadable)
         return 0;
     if (json && !cJSON_IsObject(json.get())) {
@@ -262,7 +267,7 @@ int para_save_odm(char* parse_name)
         return 0;
     ensure_persist_dir(__func__, p);
     std::lock_guard<std::mutex> lock(odm_mutex);
-    if (!json_odm_file)
+    if (!json_odm_file || odm_blocked)
         return 0;
     int r = para::write_json_file(p.file, json_odm_file, __func__);
     odm_change.saved(r, kOdmSaveDelayMs);

@@ -338,12 +338,13 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*), const char*
     load_all(m, kCurrent, json.get());
 
     bool applied = false;
-    if (cur[0] && access(cur, F_OK) == 0) {
-        json = load_json_file(fn, cur, &unreadable, true, true);
+    CurLoad how = CurLoad::absent;
+    if (cur[0]) {
+        json = load_json_file(fn, cur, &unreadable, true, true, &how);
         if (json) {
             load_all(m, kCurrent, json.get());
             applied = true;
-        } else if (unreadable && !m.plain) {
+        } else if (how != CurLoad::read && how != CurLoad::absent && !m.plain) {
             PARA_LOG_FN(PARA_INFO, fn, "Error read cur buf\n\n");
         }
     }
@@ -351,7 +352,7 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*), const char*
 
     Lock lk(m.st->mu);
     std::memcpy(m.rec[kInit], m.rec[kCur], sizeof(int32_t) * m.stride * m.records);
-    m.st->loaded = true;
+    m.st->loaded = how != CurLoad::blocked;
     return 0;
 }
 

@@ -38,42 +38,215 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name, co
     return true;
 }
 
+/* ---- guarded reads ------------------------------------------------------ */
+
+namespace {
+
+bool passing(int err)
+{
+    return err == EINTR || err == EAGAIN || err == EWOULDBLOCK || err == EMFILE || err == ENFILE ||
+           err == ENOMEM;
+}
+
+/* One attempt. A size that changed under the reader (a writer rewriting in
+ * place) counts as passing: EAGAIN. */
+FileText read_once(const char* path)
+{
+    FileText f;
+    auto fail = [&f](ReadFault why, int err) {
+        f.text.reset();
+        f.fault = why;
+        f.err = err;
+        return std::move(f);
+    };
+    int fd = sys::calls.open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0);
+    if (fd < 0)
+        // ENOTDIR: a directory on the way is a file, so this one cannot exist.
+        return fail(errno == ENOENT || errno == ENOTDIR ? ReadFault::missing : ReadFault::unreadable,
+                    errno);
+    struct Closer {
+        int fd;
+        ~Closer() { sys::calls.close(fd); }
+    } closer{fd};
+    struct stat st{};
+    if (sys::calls.fstat(fd, &st) != 0)
+        return fail(ReadFault::unreadable, errno);
+    if (!S_ISREG(st.st_mode))
+        return fail(ReadFault::not_regular, 0);
+    if (static_cast<unsigned long long>(st.st_size) > kReadCap)
+        return fail(ReadFault::too_big, 0);
+    // One byte more than fstat told lets a file that grew while read show.
+    size_t want = static_cast<size_t>(st.st_size);
+    f.text.reset(static_cast<char*>(malloc(want + 2)));
+    if (!f.text)
+        return fail(ReadFault::unreadable, ENOMEM);
+    size_t got = 0;
+    for (;;) {
+        ssize_t n = sys::calls.read(fd, f.text.get() + got, want + 1 - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return fail(ReadFault::unreadable, errno);
+        if (n == 0 || (got += static_cast<size_t>(n)) > want)
+            break;
+    }
+    if (got != want)
+        return fail(ReadFault::unreadable, EAGAIN);
+    f.text.get()[got] = '\0';
+    f.len = got;
+    return f;
+}
+
+} // namespace
+
+FileText read_guarded(const char* path)
+{
+    constexpr int kAttempts = 5;
+    FileText f;
+    if (!path || !*path) {
+        f.fault = ReadFault::missing;
+        f.err = ENOENT;
+        return f;
+    }
+    int retries = 0;
+    for (int attempt = 1;; ++attempt) {
+        f = read_once(path);
+        if (f.fault != ReadFault::unreadable || !passing(f.err) || attempt == kAttempts)
+            break;
+        ++retries;
+        if (f.err != EINTR)
+            usleep(1000u << attempt); // 2, 4, 8, 16 ms: time for descriptors or memory to free up
+    }
+    f.retries = retries;
+    return f;
+}
+
+std::string read_cause(const FileText& f)
+{
+    switch (f.fault) {
+    case ReadFault::none: return "read";
+    case ReadFault::missing: return "missing";
+    case ReadFault::not_regular: return "not a regular file";
+    case ReadFault::too_big: return "larger than " + std::to_string(kReadCap) + " bytes";
+    case ReadFault::unreadable:
+        return f.err == EAGAIN ? "it kept changing while read" : strerror(f.err);
+    }
+    return "?";
+}
+
+FileText read_file(const char* func, const char* path)
+{
+    FileText f = read_guarded(path);
+    if (f.fault != ReadFault::none && f.fault != ReadFault::missing)
+        PARA_LOG_FN(PARA_ERR, func, "%s cannot be read: %s\n", path, read_cause(f).c_str());
+    else if (f.retries)
+        PARA_LOG_FN(PARA_ERR, func, "%s read after %d failed attempts\n", path, f.retries);
+    return f;
+}
+
+CurLoad read_current(const char* func, const char* path, FileText& out)
+{
+    if (!journal_replay(func, path)) {
+        PARA_LOG_FN(PARA_ERR, func, "%s: an interrupted rewrite could not be finished; "
+                    "the file is left as it is and not written\n", path);
+        out = FileText{};
+        out.fault = ReadFault::unreadable;
+        return CurLoad::blocked;
+    }
+    out = read_guarded(path);
+    if (out.fault == ReadFault::none) {
+        if (out.retries)
+            PARA_LOG_FN(PARA_ERR, func, "%s read after %d failed attempts\n", path, out.retries);
+        return CurLoad::read;
+    }
+    if (out.fault == ReadFault::missing)
+        return CurLoad::absent;
+    // A rename needs no read: whatever the file holds stays on storage.
+    std::string bad = std::string(path) + ".bad";
+    std::string cause = read_cause(out);
+    if (durable_rename(func, path, bad.c_str()) == 0) {
+        PARA_LOG_FN(PARA_ERR, func, "%s cannot be read (%s): moved aside to %s, defaults apply\n",
+                    path, cause.c_str(), bad.c_str());
+        return CurLoad::moved_aside;
+    }
+    PARA_LOG_FN(PARA_ERR, func, "%s cannot be read (%s) nor moved aside (%s): "
+                "left as it is and not written\n", path, cause.c_str(), strerror(errno));
+    return CurLoad::blocked;
+}
+
+CurLoad parse_conf_file(const char* func, configure* store, const config_keys* keys,
+                        const char* path, bool current, FileText* text)
+{
+    FileText f;
+    CurLoad r;
+    if (current) {
+        r = read_current(func, path, f);
+    } else {
+        f = read_file(func, path);
+        r = f.fault == ReadFault::none ? CurLoad::read
+            : f.fault == ReadFault::missing ? CurLoad::absent : CurLoad::blocked;
+    }
+    if (r != CurLoad::read)
+        return r;
+    int dropped = 0;
+    configure_parse_buf(store, keys, f.text.get(), f.len, &dropped);
+    if (dropped > 0) {
+        PARA_LOG_FN(PARA_ERR, func, "%s: %d line(s) too long or malformed to keep\n", path, dropped);
+        if (current)
+            keep_bad_copy(func, path, f.text.get(), f.len);
+    }
+    if (text)
+        *text = std::move(f);
+    return r;
+}
+
 JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line,
-                       bool keep_bad)
+                       bool keep_bad, CurLoad* how)
 {
     if (unreadable)
         *unreadable = false;
-    CharPtr text(read_file_to_buf(path));
-    if (!text) {
+    FileText f;
+    if (keep_bad) {
+        CurLoad r = read_current(fn, path, f);
+        if (how)
+            *how = r;
+    } else {
+        f = read_file(fn, path);
+    }
+    if (!f.text) {
         if (unreadable)
             *unreadable = true;
         return nullptr;
     }
-    JsonPtr json(cJSON_Parse(text.get()));
+    JsonPtr json(cJSON_Parse(f.text.get()));
     if (!json) {
-        // The position points into text: print it before text is freed.
+        // The position points into the text: print it before the text is freed.
         const char* at = cJSON_GetErrorPtr();
         if (blank_line)
             PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n\n", at ? at : "(null)");
         else
             PARA_LOG_FN(PARA_INFO, fn, "Error before: [%s]\n", at ? at : "(null)");
         if (keep_bad)
-            keep_bad_copy(fn, path);
+            keep_bad_copy(fn, path, f.text.get(), f.len);
     }
     return json;
 }
 
-void keep_bad_copy(const char* func, const char* path)
+void keep_bad_copy(const char* func, const char* path, const char* bytes, size_t len)
 {
-    size_t len = 0;
-    CharPtr bytes(read_file_to_buf_len(path, &len));
     std::string bad = std::string(path) + ".bad";
-    if (!bytes || durable_write(func, bad.c_str(), bytes.get(), len) != 0) {
+    if (!bytes || durable_write(func, bad.c_str(), bytes, len) != 0) {
         PARA_LOG_FN(PARA_ERR, func, "%s cannot be read as settings and could not be kept aside\n",
                     path);
         return;
     }
     PARA_LOG_FN(PARA_ERR, func, "%s cannot be read as settings, kept as %s\n", path, bad.c_str());
+}
+
+void keep_bad_copy(const char* func, const char* path)
+{
+    FileText f = read_guarded(path);
+    keep_bad_copy(func, path, f.text.get(), f.len);
 }
 
 /* ---- durable writes ---------------------------------------------------- */

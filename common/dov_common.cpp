@@ -504,24 +504,25 @@ configure* configure_init(void)
     return s;
 }
 
-int configure_parse(configure* store, const config_keys* keys, const char* path)
+int configure_parse_buf(configure* store, const config_keys* keys, const char* text, size_t len,
+                        int* dropped)
 {
-    if (!store || !path)
+    if (dropped)
+        *dropped = 0;
+    if (!store || !text)
         return -1;
-    FILE* f = fopen(path, "r");
-    if (!f)
-        return -1;
-    char* line = nullptr;
-    size_t cap = 0;
-    ssize_t n;
     WriteLock lk(store);
     // A first load (empty store) changes nothing anyone has seen yet.
     bool mark = store->list.used != 0;
-    while ((n = getline(&line, &cap, f)) >= 0) {
+    std::string_view rest(text, len);
+    while (!rest.empty()) {
+        size_t end = rest.find('\n');
+        std::string_view l = rest.substr(0, end);
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
         // Entries are C texts: a NUL byte ends the line, as it would end
         // the key or value copied out of it.
-        std::string_view l(line, static_cast<size_t>(n));
-        l = trim(l.substr(0, l.find('\0')));
+        size_t nul = l.find('\0');
+        l = trim(l.substr(0, nul));
         if (l.empty() || l.front() == '#' || l.front() == ';')
             continue;
         size_t eq = l.find('=');
@@ -534,10 +535,24 @@ int configure_parse(configure* store, const config_keys* keys, const char* path)
         if (k.empty() || !key_wanted(keys, k))
             continue;
         std::string ks(k), vs(v);
-        put_locked(store, ks.c_str(), vs.c_str(), mark); // over-long entries are skipped
+        if (put_locked(store, ks.c_str(), vs.c_str(), mark) < 0 || nul != std::string_view::npos) {
+            if (dropped)
+                ++*dropped;
+        }
     }
-    free(line);
-    fclose(f);
+    return 0;
+}
+
+int configure_parse(configure* store, const config_keys* keys, const char* path)
+{
+    if (!store || !path)
+        return -1;
+    size_t len = 0;
+    char* text = read_file_to_buf_len(path, &len);
+    if (!text)
+        return -1;
+    configure_parse_buf(store, keys, text, len, nullptr);
+    free(text);
     return 0;
 }
 

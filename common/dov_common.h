@@ -167,8 +167,14 @@ DOV_API configure* configure_init(void);
  * place (it keeps its position); new keys are appended. Entries whose text
  * changes (or that are new) are marked changed, except in a parse into an
  * empty store: a first load changes nothing. 0, or -1 when the file cannot
- * be read. */
+ * be read (a read error partway is one: nothing of the file is taken). */
 DOV_API int configure_parse(configure* store, const config_keys* keys, const char* path);
+/* The same for the len bytes of a .conf text already read. *dropped (when
+ * not NULL) counts the key = value lines the store could not hold as they
+ * stand (a key or value over 255 bytes, a NUL or line break inside one, a
+ * full store). 0, or -1 for a NULL store or text. */
+DOV_API int configure_parse_buf(configure* store, const config_keys* keys, const char* text,
+                                size_t len, int* dropped);
 DOV_API void configure_free(configure* store);
 /* Array of count+1 records (last one with k NULL); free() it. */
 DOV_API config_keys* config_keys_format(const char** keys, uint8_t count);

@@ -86,12 +86,33 @@ bool ro_path(char (&path)[PARA_PATH_MAX], const char* name)
     return para::make_path(path, para_profile.param_rofile_dir, name);
 }
 
+int fill_old_values(const cJSON* json, configure* store)
+{
+    if (!json || !store)
+        return -1;
+    for (cJSON* item = json->child; item; item = item->next) {
+        if (!item->string)
+            continue;
+        char num[16];
+        const char* text =
+            cJSON_IsString(item) ? item->valuestring : lib_itoa(para::json_int(item), num);
+        store->put(store, item->string, text);
+    }
+    return 0;
+}
+
+/* Set when the current file could be neither read nor moved aside: the
+ * module then never writes it. */
+bool cur_blocked;
+
 int parse_conf(configure* store, const char* file, bool read_only)
 {
     char path[PARA_PATH_MAX];
     if (!(read_only ? ro_path(path, file) : rw_path(path, file)))
         return -1;
-    return configure_parse(store, nullptr, path);
+    para::CurLoad r = para::parse_conf_file(__func__, store, nullptr, path, !read_only);
+    cur_blocked |= r == para::CurLoad::blocked && !read_only;
+    return r == para::CurLoad::read ? 0 : -1;
 }
 
 int load_old_values(configure* store, const char* file, bool read_only)
@@ -99,11 +120,12 @@ int load_old_values(configure* store, const char* file, bool read_only)
     char path[PARA_PATH_MAX];
     if (!(read_only ? ro_path(path, file) : rw_path(path, file)))
         return -1;
-    int r = fix_old_misc_def_cur_conf(path, store);
-    // A damaged current file is kept aside before the next save replaces it.
-    if (r != 0 && !read_only && access(path, F_OK) == 0)
-        para::keep_bad_copy(__func__, path);
-    return r;
+    para::CurLoad how = para::CurLoad::read;
+    // A current file is read guarded, and kept aside when damaged before the
+    // next save replaces it.
+    para::JsonPtr json = para::load_json_file(__func__, path, nullptr, false, !read_only, &how);
+    cur_blocked |= how == para::CurLoad::blocked;
+    return fill_old_values(json.get(), store);
 }
 
 } // namespace
@@ -112,7 +134,7 @@ namespace para {
 
 int save_misc_legacy(char* file_name, configure* cur, const char* func)
 {
-    if (!ver_item || !cur)
+    if (!ver_item || !cur || cur_blocked)
         return 0;
     char path[PARA_PATH_MAX];
     if (newer_layout())
@@ -155,19 +177,7 @@ cJSON* fix_old_misc_range_conf(cJSON* old_range)
 
 int fix_old_misc_def_cur_conf(const char* path, configure* store)
 {
-    bool unreadable = false;
-    para::JsonPtr json = para::load_json_file(__func__, path, &unreadable, false);
-    if (!json || !store)
-        return -1;
-    for (cJSON* item = json->child; item; item = item->next) {
-        if (!item->string)
-            continue;
-        char num[16];
-        const char* text =
-            cJSON_IsString(item) ? item->valuestring : lib_itoa(para::json_int(item), num);
-        store->put(store, item->string, text);
-    }
-    return 0;
+    return fill_old_values(para::load_json_file(__func__, path, nullptr, false).get(), store);
 }
 
 void para_init_misc_legacy_test(void) {}
@@ -180,7 +190,10 @@ int para_init_misc_legacy(char* file_name, configure** cur, configure** def, cJS
     *def = configure_init();
     PARA_LOG(PARA_INFO, "enter\n");
     char path[PARA_PATH_MAX];
-    para::CharPtr text(ro_path(path, "misc_range.json") ? read_file_to_buf(path) : nullptr);
+    para::FileText range_file;
+    if (ro_path(path, "misc_range.json"))
+        range_file = para::read_file(__func__, path);
+    const para::CharPtr& text = range_file.text;
     if (!text) {
         PARA_LOG(PARA_INFO, "Error range def buf\n");
         return -1;
