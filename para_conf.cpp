@@ -24,8 +24,7 @@ struct conf_S {
     std::atomic<configure*> conf{nullptr};
     char file_name[para::kSlotNameSize];
     para::ChangeState change;
-    /* The current file could be neither read nor moved aside: never written. */
-    std::atomic<bool> blocked{false};
+    para::CurrentFile file;
 };
 
 conf_S conf_list[kConfSlots];
@@ -146,15 +145,14 @@ int collect_stale(void* argv, const char* key, const char* value)
  * file. A key the read-write file sets is never put back to its default on
  * the way: on a reload that would mark it changed (and show the default for
  * a moment) although its value stays. A first load marks nothing; a reload
- * marks what it changes, by parsing the texts again, in place. False when
- * the read-write file could be neither read nor moved aside. */
-bool parse_layers(const char* fn, configure* cur, configure* def, const char* ro, const char* rw,
+ * marks what it changes, by parsing the texts again, in place. Tells what
+ * became of the read-write file. */
+para::CurLoad parse_layers(const char* fn, configure* cur, configure* def, const char* ro, const char* rw,
                   bool first)
 {
     configure* over = configure_init();
     if (!over)
-        return false; // the read-write file's values are not in memory: keep it
-
+        return para::CurLoad::unreadable; // its values are not in memory: keep the file
     para::FileText rw_text;
     para::CurLoad rw_load = para::parse_conf_file(fn, over, nullptr, rw, true, &rw_text);
     std::vector<std::string> stale;
@@ -163,7 +161,7 @@ bool parse_layers(const char* fn, configure* cur, configure* def, const char* ro
         def->loop(def, put_layered, &l);
         over->loop(over, put_over, &l);
         configure_free(over);
-        return rw_load != para::CurLoad::blocked;
+        return rw_load;
     }
     def->loop(def, collect_stale, &l);
     configure_free(over);
@@ -189,7 +187,7 @@ bool parse_layers(const char* fn, configure* cur, configure* def, const char* ro
     }
     if (rw_text.text)
         configure_parse_buf(cur, nullptr, rw_text.text.get(), rw_text.len, nullptr);
-    return rw_load != para::CurLoad::blocked;
+    return rw_load;
 }
 
 int get_text(configure* store, const char* key, char* buf, int size)
@@ -325,7 +323,7 @@ int para_init_single_conf(char* parse_name)
         }
         return -1;
     }
-    slot.blocked = !parse_layers(__func__, cur, def, ro, rw, fresh);
+    slot.file.loaded(parse_layers(__func__, cur, def, ro, rw, fresh));
     if (fresh) {
         slot.def_conf = def;
         slot.conf = cur;
@@ -436,7 +434,7 @@ int para_need_save_conf(char* parse_name)
         return -1;
     /* An unloaded module has nothing left to write; answering 1 would have
      * the sweep call a save that can only fail, ten times a second. */
-    if (!conf_list[s].conf.load() || conf_list[s].blocked)
+    if (!conf_list[s].conf.load())
         return 0;
     return conf_list[s].change.due(kSaveDelayMs) ? 1 : 0;
 }
@@ -449,13 +447,10 @@ int para_save_conf(char* parse_name)
     configure* store = current_store(parse_name, &s);
     if (!store)
         return -1;
-    conf_list[s].change.take();
-    if (conf_list[s].blocked) {
-        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
-        return 0;
-    }
+    bool changed = conf_list[s].change.take();
     char path[PARA_PATH_MAX];
-    if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
+    if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf") ||
+        !conf_list[s].file.writable(__func__, path, changed))
         return 0;
     /* The sweep hears nothing of a failure (logged by the writer); the
      * change stays pending and is tried again. */

@@ -83,15 +83,34 @@ FileText read_file(const char* func, const char* path);
 
 /* A current-value file, which must never be replaced by defaults while it
  * holds values nobody changed. After an interrupted rewrite is finished
- * (journal_replay), the file is read; one that exists but cannot be read is
- * logged at level 3 and renamed to <path>.bad, so the module may write the
- * name again. If it cannot even be renamed, the module must not write it. */
-enum class CurLoad { read, absent, moved_aside, blocked };
+ * (journal_replay), the file is read. One that exists but cannot be read
+ * (after the retries) is logged once at level 3 with the cause: unreadable;
+ * the module starts from its defaults and keeps the file (CurrentFile).
+ * blocked: the rewrite could not be finished; the file is never written. */
+enum class CurLoad { read, absent, unreadable, blocked };
 CurLoad read_current(const char* func, const char* path, FileText& out);
+
+/* What a module may do with its current file, decided at each load. An
+ * unreadable file stays as it is until the module holds a change of its own;
+ * then it is renamed to <path>.bad (a rename needs no read) and only after
+ * that is the name written. If the rename fails, nothing is written. */
+class CurrentFile {
+public:
+    void loaded(CurLoad how)
+    {
+        state_ = how == CurLoad::unreadable ? kHeld : how == CurLoad::blocked ? kNever : kFree;
+    }
+    /* Before a save writes path; changed: a value changed since the load. */
+    bool writable(const char* func, const char* path, bool changed);
+
+private:
+    enum { kFree, kHeld, kNever };
+    std::atomic<int> state_{kFree};
+};
 
 /* A .conf file parsed into store (keys: NULL for all) through the guarded
  * read. current: the file is a current-value file (read_current); else a
- * read-only one, whose failure gives CurLoad::blocked and is logged. A line
+ * read-only one, whose failure gives CurLoad::unreadable and is logged. A line
  * the store cannot hold is logged at level 3 and, for a current file, the
  * file is copied to <path>.bad before any save can drop the line. The text
  * read is handed out through text when given. */

@@ -113,6 +113,7 @@ int init_flag = 0;
 /* Set once the range file loaded: before that the records hold no settings,
  * and a save would only replace the stored ones with an empty object. */
 std::atomic<bool> isp_loaded{false};
+para::CurrentFile isp_cur_file;
 para::ChangeState isp_change;
 
 /* Host threads call the getters and setters while the worker answers
@@ -419,7 +420,8 @@ int para_init_isp(char* parse_name)
         for (int i = 0; i < PARA_ISP_NUM; ++i)
             para_isp_init[i] = para_isp_cur[i];
     }
-    isp_loaded = how != para::CurLoad::blocked;
+    isp_cur_file.loaded(how);
+    isp_loaded = true;
     isp_page();
     return 0;
 }
@@ -492,7 +494,7 @@ int para_save_isp(char* parse_name)
 {
     std::lock_guard<std::mutex> saving(para::save_mutex);
     // Cleared first: a change made while the file is written stays pending.
-    isp_change.take();
+    bool changed = isp_change.take();
     if (!isp_loaded) {
         PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", k_cur_file);
         return 0;
@@ -500,6 +502,8 @@ int para_save_isp(char* parse_name)
     char path[PARA_PATH_MAX];
     if (!para::make_path(path, para_profile.param_rwfile_dir, k_cur_file))
         return -1;
+    if (!isp_cur_file.writable(__func__, path, changed))
+        return 0;
     para::JsonPtr root(cJSON_CreateObject());
     for (int i = 0; i < g_num_isp; ++i)
         cJSON_AddItemToObject(root.get(), isp_key(i).data(), Create_Json_ISPObject(i, 0));

@@ -24,9 +24,9 @@ configure* conf_cur[kJsonSlots];
 configure* conf_def[kJsonSlots];
 para::ChangeState misc_item_change[kJsonSlots];
 /* Set once the module's files loaded: a store that did not load holds no
- * settings and must never be written over the good file (nor over a current
- * file that could be neither read nor moved aside). */
+ * settings and must never be written over the good file. */
 bool misc_loaded[kJsonSlots];
+para::CurrentFile misc_file[kJsonSlots]; // modules other than "misc"
 
 int check_conf_list(const char* name)
 {
@@ -98,11 +98,10 @@ void log_current(const char* fn, int slot)
 }
 
 /* Loads range file and stores of a JSON module into slot s; false when the
- * module has to give its slot to the next one. *writable is false when its
- * current file exists but could be neither read nor moved aside. */
-bool load_module(const char* fn, int s, const char* name, bool* writable)
+ * module has to give its slot to the next one. */
+bool load_module(const char* fn, int s, const char* name)
 {
-    *writable = true;
+    misc_file[s].loaded(para::CurLoad::absent);
     conf_cur[s] = configure_init();
     conf_def[s] = configure_init();
     char path[PARA_PATH_MAX];
@@ -129,7 +128,7 @@ bool load_module(const char* fn, int s, const char* name, bool* writable)
     }
     para::parse_conf_file(fn, conf_cur[s], nullptr, path, false);
     if (para::make_path(path, para_profile.param_rwfile_dir, name, ".conf"))
-        *writable = para::parse_conf_file(fn, conf_cur[s], nullptr, path, true) != para::CurLoad::blocked;
+        misc_file[s].loaded(para::parse_conf_file(fn, conf_cur[s], nullptr, path, true));
     return true;
 }
 
@@ -319,10 +318,10 @@ int para_init_misc(char* parse_name)
     if (para::same(parse_name, "misc")) {
         misc_loaded[s] =
             para_init_misc_legacy(parse_name, &conf_cur[s], &conf_def[s], &misc_range[s]) == 0;
-    } else if (bool writable; !load_module(__func__, s, conf_list[s].file_name, &writable)) {
+    } else if (!load_module(__func__, s, conf_list[s].file_name)) {
         return 0;
     } else {
-        misc_loaded[s] = writable;
+        misc_loaded[s] = true;
     }
     log_current(__func__, s);
     ++init_flag;
@@ -344,7 +343,7 @@ int para_save_misc(char* parse_name)
         return -1;
     // The older layout of "misc" writes without a file lock.
     std::lock_guard<std::mutex> saving(para::save_mutex);
-    misc_item_change[s].take();
+    bool changed = misc_item_change[s].take();
     if (!misc_loaded[s]) {
         PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
         return 0;
@@ -352,9 +351,10 @@ int para_save_misc(char* parse_name)
     int r;
     char path[PARA_PATH_MAX];
     if (para::same(parse_name, "misc"))
-        r = para::save_misc_legacy(parse_name, conf_cur[s], __func__);
+        r = para::save_misc_legacy(parse_name, conf_cur[s], __func__, changed);
     else if (!conf_cur[s] ||
-             !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
+             !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf") ||
+             !misc_file[s].writable(__func__, path, changed))
         return 0;
     else
         r = para::write_conf_file(path, conf_cur[s], true, __func__);

@@ -137,8 +137,7 @@ OdmTarget odm_target(char* out, int size = PARA_ODM_STRING_MAX)
 
 /* ---- store ---------------------------------------------------------- */
 
-/* The store file could be neither read nor moved aside: it is never written. */
-bool odm_blocked;
+para::CurrentFile odm_file;
 
 /* Runs once per process: a loaded store is kept as it is, a missing one
  * starts with the current format version. */
@@ -222,7 +221,7 @@ int para_init_odm(char* parse_name)
     bool unreadable = false;
     para::CurLoad how = para::CurLoad::absent;
     para::JsonPtr json = para::load_json_file(__func__, p.file, &unreadable, true, true, &how);
-    odm_blocked = how == para::CurLoad::blocked;
+    odm_file.loaded(how);
     if (unreadable)
         return 0;
     if (json && !cJSON_IsObject(json.get())) {
@@ -261,13 +260,13 @@ int para_need_save_odm(char* parse_name)
 
 int para_save_odm(char* parse_name)
 {
-    odm_change.take();
+    bool changed = odm_change.take();
     OdmPaths p;
     if (!odm_paths(__func__, p))
         return 0;
     ensure_persist_dir(__func__, p);
     std::lock_guard<std::mutex> lock(odm_mutex);
-    if (!json_odm_file || odm_blocked)
+    if (!json_odm_file || !odm_file.writable(__func__, p.file, changed))
         return 0;
     int r = para::write_json_file(p.file, json_odm_file, __func__);
     odm_change.saved(r, kOdmSaveDelayMs);

@@ -38,7 +38,7 @@ int write_conf_file(const char* path, configure* store, bool lock, const char* f
 
 /* The "misc" module's save in its file layouts: durable_write's results
  * (para_save_misc_legacy reports them as the module does). */
-int save_misc_legacy(char* file_name, configure* cur, const char* func);
+int save_misc_legacy(char* file_name, configure* cur, const char* func, bool changed = false);
 
 /* Store dump into buf for the *_2_buf operations: used + 1, or 0 (logged
  * with module) when buf is too small. */

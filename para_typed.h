@@ -92,6 +92,7 @@ struct State {
     /* Set once the range and default files loaded: until then the records
      * hold no settings, and saving would only overwrite the stored ones. */
     std::atomic<bool> loaded{false};
+    CurrentFile cur_file;
 };
 
 enum Rec { kMin, kMax, kDef, kCur, kInit, kExist, kRecKinds };
@@ -352,7 +353,8 @@ inline int load_files(const Module& m, int (*count_records)(cJSON*), const char*
 
     Lock lk(m.st->mu);
     std::memcpy(m.rec[kInit], m.rec[kCur], sizeof(int32_t) * m.stride * m.records);
-    m.st->loaded = how != CurLoad::blocked;
+    m.st->cur_file.loaded(how);
+    m.st->loaded = true;
     return 0;
 }
 
@@ -526,7 +528,7 @@ inline int need_save(const Module& m)
 inline int save(const Module& m, const char* fn)
 {
     std::lock_guard<std::mutex> saving(save_mutex);
-    m.st->change.take();
+    bool changed = m.st->change.take();
     if (!m.st->loaded) {
         PARA_LOG_FN(PARA_INFO, fn, "not loaded, %s left as it is\n", m.files[2]);
         return 0;
@@ -534,6 +536,8 @@ inline int save(const Module& m, const char* fn)
     JsonPtr tree(file_object(m));
     char path[PARA_PATH_MAX];
     if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
+        return 0;
+    if (!m.st->cur_file.writable(fn, path, changed))
         return 0;
     int r = write_json_file(path, tree.get(), fn);
     m.st->change.saved(r, delay_of(m));

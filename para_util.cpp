@@ -161,17 +161,28 @@ CurLoad read_current(const char* func, const char* path, FileText& out)
     }
     if (out.fault == ReadFault::missing)
         return CurLoad::absent;
-    // A rename needs no read: whatever the file holds stays on storage.
-    std::string bad = std::string(path) + ".bad";
-    std::string cause = read_cause(out);
-    if (durable_rename(func, path, bad.c_str()) == 0) {
-        PARA_LOG_FN(PARA_ERR, func, "%s cannot be read (%s): moved aside to %s, defaults apply\n",
-                    path, cause.c_str(), bad.c_str());
-        return CurLoad::moved_aside;
+    PARA_LOG_FN(PARA_ERR, func, "%s cannot be read (%s): defaults apply, the file is kept "
+                "until a value changes\n", path, read_cause(out).c_str());
+    return CurLoad::unreadable;
+}
+
+bool CurrentFile::writable(const char* func, const char* path, bool changed)
+{
+    int st = state_.load();
+    if (st == kFree)
+        return true;
+    if (st == kNever || !changed) {
+        PARA_LOG_FN(PARA_INFO, func, "%s was not read, left as it is\n", path);
+        return false;
     }
-    PARA_LOG_FN(PARA_ERR, func, "%s cannot be read (%s) nor moved aside (%s): "
-                "left as it is and not written\n", path, cause.c_str(), strerror(errno));
-    return CurLoad::blocked;
+    std::string bad = std::string(path) + ".bad";
+    if (durable_rename(func, path, bad.c_str()) != 0 && errno != ENOENT) {
+        PARA_LOG_FN(PARA_ERR, func, "%s could not be moved aside: not written\n", path);
+        return false;
+    }
+    PARA_LOG_FN(PARA_INFO, func, "%s moved aside to %s\n", path, bad.c_str());
+    state_ = kFree;
+    return true;
 }
 
 CurLoad parse_conf_file(const char* func, configure* store, const config_keys* keys,
@@ -184,7 +195,7 @@ CurLoad parse_conf_file(const char* func, configure* store, const config_keys* k
     } else {
         f = read_file(func, path);
         r = f.fault == ReadFault::none ? CurLoad::read
-            : f.fault == ReadFault::missing ? CurLoad::absent : CurLoad::blocked;
+            : f.fault == ReadFault::missing ? CurLoad::absent : CurLoad::unreadable;
     }
     if (r != CurLoad::read)
         return r;

@@ -101,9 +101,7 @@ int fill_old_values(const cJSON* json, configure* store)
     return 0;
 }
 
-/* Set when the current file could be neither read nor moved aside: the
- * module then never writes it. */
-bool cur_blocked;
+para::CurrentFile cur_file;
 
 int parse_conf(configure* store, const char* file, bool read_only)
 {
@@ -111,7 +109,8 @@ int parse_conf(configure* store, const char* file, bool read_only)
     if (!(read_only ? ro_path(path, file) : rw_path(path, file)))
         return -1;
     para::CurLoad r = para::parse_conf_file(__func__, store, nullptr, path, !read_only);
-    cur_blocked |= r == para::CurLoad::blocked && !read_only;
+    if (!read_only)
+        cur_file.loaded(r);
     return r == para::CurLoad::read ? 0 : -1;
 }
 
@@ -124,7 +123,8 @@ int load_old_values(configure* store, const char* file, bool read_only)
     // A current file is read guarded, and kept aside when damaged before the
     // next save replaces it.
     para::JsonPtr json = para::load_json_file(__func__, path, nullptr, false, !read_only, &how);
-    cur_blocked |= how == para::CurLoad::blocked;
+    if (!read_only)
+        cur_file.loaded(how);
     return fill_old_values(json.get(), store);
 }
 
@@ -132,16 +132,19 @@ int load_old_values(configure* store, const char* file, bool read_only)
 
 namespace para {
 
-int save_misc_legacy(char* file_name, configure* cur, const char* func)
+int save_misc_legacy(char* file_name, configure* cur, const char* func, bool changed)
 {
-    if (!ver_item || !cur || cur_blocked)
+    if (!ver_item || !cur)
         return 0;
     char path[PARA_PATH_MAX];
+    if (!rw_path(path, newer_layout() ? "misc.conf" : "misc_cur.json") ||
+        !cur_file.writable(func, path, changed))
+        return 0;
     if (newer_layout())
-        return rw_path(path, "misc.conf") ? write_conf_file(path, cur, false, func) : 0;
+        return write_conf_file(path, cur, false, func);
     JsonPtr values(cJSON_CreateObject());
     Create_Json_Misc_Object(file_name, values.get(), 0);
-    return rw_path(path, "misc_cur.json") ? write_json_file(path, values.get(), func) : 0;
+    return write_json_file(path, values.get(), func);
 }
 
 } // namespace para
