@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include <unistd.h>
+
 dov_isp_param_s para_isp_min[PARA_ISP_NUM];
 dov_isp_param_s para_isp_max[PARA_ISP_NUM];
 dov_isp_param_s para_isp_def[PARA_ISP_NUM];
@@ -398,8 +400,15 @@ int para_init_isp(char* parse_name)
     }
     range.reset();
 
+    // A pipe whose style file is there but did not load has no members: its
+    // current values would not load either, and a save would drop them.
+    bool styles_whole = true;
     for (int i = 0; i < PARA_ISP_NUM; ++i) {
-        para_init_isp_style(i);
+        char style_path[PARA_PATH_MAX];
+        if (para_init_isp_style(i) != 0 && !para::isp_style_tree[i] && i < g_num_isp &&
+            para::make_path(style_path, para_profile.param_rofile_dir, i ? "isp1_def.json" : "isp0_def.json") &&
+            access(style_path, F_OK) == 0)
+            styles_whole = false;
         int k = para_get_isp_style_def_index(i);
         load_style(i, get_isp_style_json(i, k));
         Lock lk(isp_mu);
@@ -421,7 +430,7 @@ int para_init_isp(char* parse_name)
             para_isp_init[i] = para_isp_cur[i];
     }
     isp_cur_file.loaded(how);
-    isp_loaded = true;
+    isp_loaded = styles_whole;
     isp_page();
     return 0;
 }

@@ -1,0 +1,190 @@
+// Read faults at start-up: every open, fstat and read the start-up makes fails
+// in turn (EIO, EACCES, EMFILE; a read also comes back short). Whatever
+// failed, the stop's forced save must leave every current file as it was (a
+// value nobody changed is never replaced by a default), and each fault leaves
+// one level-3 line naming its file. Special files at current-file names must
+// neither stall the start nor be replaced until a value changes.
+#include "para_internal.h"
+#include "para_sys.h"
+#include "support.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <sstream>
+
+namespace {
+
+enum Call { kOpen, kFstat, kRead, kCalls };
+struct Arm {
+    int call = -1, at = 0, err = 0, seen[kCalls] = {};
+    std::string path; // the file the fault hit
+} arm;
+
+bool hit(Call c, int fd)
+{
+    if (++arm.seen[c] != arm.at || c != arm.call)
+        return false;
+    char buf[512];
+    ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), buf, sizeof buf - 1);
+    arm.path.assign(buf, n > 0 ? size_t(n) : 0);
+    return true;
+}
+int fault_open(const char* p, int flags, mode_t mode)
+{
+    if (hit(kOpen, -1))
+        return arm.path = p, errno = arm.err, -1;
+    return para::sys::defaults().open(p, flags, mode);
+}
+int fault_fstat(int fd, struct stat* st)
+{
+    return hit(kFstat, fd) ? (errno = arm.err, -1) : para::sys::defaults().fstat(fd, st);
+}
+ssize_t fault_read(int fd, void* buf, size_t len)
+{
+    if (!hit(kRead, fd))
+        return para::sys::defaults().read(fd, buf, len);
+    if (arm.err == 0) // short: half of what was asked
+        return para::sys::defaults().read(fd, buf, len > 1 ? len / 2 : len);
+    return errno = arm.err, -1;
+}
+
+/* Every file under the read-write directory: name -> kind and content. */
+using Files = std::map<std::string, std::string>;
+void list(const std::string& dir, const std::string& rel, Files& out)
+{
+    DIR* d = opendir(dir.c_str());
+    for (dirent* e; d && (e = readdir(d));) {
+        std::string name = e->d_name, path = dir + "/" + name;
+        struct stat st{};
+        if (name == "." || name == ".." || lstat(path.c_str(), &st) != 0)
+            continue;
+        if (S_ISDIR(st.st_mode))
+            list(path, rel + name + "/", out);
+        else
+            out[rel + name] = S_ISREG(st.st_mode) ? test::read_file(path).value_or("?") : "special";
+    }
+    d ? closedir(d) : 0;
+}
+
+class ReadFaults : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        test::copy_dir_files(test::example_device_dir(), dir.ro());
+        dir.use_as_profile();
+        para_profile.conf_save = 1;
+        para_server_port = 0; // any free port: suites may run side by side
+        para_server_bind_address("127.0.0.1");
+        ASSERT_EQ(test::in_child([] {
+            platformparam_init();
+            para_set_video_gop_cur(0, 77), para_set_isp_bright_cur(0, 30), para_set_audio_audioOutVol_cur(40);
+            para_set_af_focus_value_cur(200), para_set_misc_mirror_cur(1);
+            para_conf_set_member("netport", "http_port", "8081");
+            para_set_odm_int(const_cast<char*>("isp0_style_def"), 3);
+            return platformparam_stop(1), std::string();
+        }), "");
+        list(dir.rw(), "", saved);
+        ASSERT_GE(saved.size(), 7u);
+    }
+    /* A start (the fault armed) and a forced save as at a stop (plain calls):
+     * the calls seen, the level-3 lines naming the file the fault hit (all,
+     * and those saying it cannot be read), its path. */
+    std::string start_stop(int call, int at, int err, bool changed = false)
+    {
+        return test::in_child([=] {
+            alarm(30); // a start that stalls ends the child
+            test::LogCapture log(3);
+            arm.call = call, arm.at = at, arm.err = err;
+            para::sys::calls.open = fault_open, para::sys::calls.fstat = fault_fstat, para::sys::calls.read = fault_read;
+            platformparam_init();
+            para::sys::calls = para::sys::defaults();
+            if (changed)
+                para_set_video_gop_cur(0, 78);
+            platformparam_save(); // what a stop saves, without waiting for the worker's turn
+            std::string out;
+            for (int c = 0; c < kCalls; ++c)
+                out += std::to_string(arm.seen[c]) + " ";
+            std::string name = arm.path.substr(arm.path.rfind('/') + 1);
+            int lines = name.empty() ? 0 : log.count(name), refused = name.empty() ? 0 : log.count(name + " cannot");
+            return out + std::to_string(lines) + " " + std::to_string(refused) + " " + arm.path;
+        });
+    }
+    test::TempDir dir;
+    Files saved;
+};
+
+TEST_F(ReadFaults, NoStartUpReadFaultLosesAValue)
+{
+    std::string counted = start_stop(-1, 0, 0);
+    int seen[kCalls] = {};
+    ASSERT_EQ(sscanf(counted.c_str(), "%d %d %d", &seen[0], &seen[1], &seen[2]), 3) << counted;
+    int points = 0;
+    for (int call = 0; call < kCalls; ++call) {
+        ASSERT_GT(seen[call], 10) << "start-up reads fewer files than the example device has";
+        for (int at = 1; at <= seen[call]; ++at)
+            for (int err : {EIO, EACCES, EMFILE, 0}) {
+                if (err == 0 && call != kRead)
+                    continue;
+                std::string got = start_stop(call, at, err);
+                SCOPED_TRACE("call " + std::to_string(call) + " #" + std::to_string(at) + " errno " +
+                             std::to_string(err) + ": " + got);
+                std::istringstream in(got);
+                int skip, lines = -1, refused = -1;
+                std::string path;
+                in >> skip >> skip >> skip >> lines >> refused >> path;
+                EXPECT_FALSE(path.empty());
+                EXPECT_EQ(lines, err == 0 ? 0 : 1) << "level-3 lines naming " << path;
+                EXPECT_EQ(refused, err == EIO || err == EACCES) << "a passing failure is read again";
+                Files now;
+                list(dir.rw(), "", now);
+                ASSERT_EQ(now, saved);
+                ++points;
+            }
+    }
+    RecordProperty("fault_points", points);
+    std::printf("read faults injected at %d points (open %d, fstat %d, read %d calls), 0 values lost\n",
+                points, seen[0], seen[1], seen[2]);
+}
+
+/* A FIFO, a link to /dev/zero and an oversized file at current-file names:
+ * the start goes on, refusing each once; they stay until a value of their
+ * module changes, and then only that file is set aside. */
+TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
+{
+    for (const char* f : {"video_cur.json", "netport.conf", "persist/odm.json"})
+        ASSERT_EQ(unlink((dir.rw() + "/" + f).c_str()), 0) << f;
+    ASSERT_EQ(mkfifo((dir.rw() + "/video_cur.json").c_str(), 0644), 0);
+    ASSERT_EQ(mkfifo((dir.rw() + "/netport.conf").c_str(), 0644), 0);
+    ASSERT_EQ(symlink("/dev/zero", (dir.rw() + "/persist/odm.json").c_str()), 0);
+    test::write_file(dir.rw() + "/audio_cur.json", std::string(2 << 20, ' ') + saved["audio_cur.json"]);
+    Files before;
+    list(dir.rw(), "", before);
+    std::string got = test::in_child([] {
+        alarm(30);
+        test::LogCapture log(3);
+        platformparam_init();
+        platformparam_save();
+        return log.dump();
+    });
+    for (const char* f : {"video_cur.json ", "netport.conf ", "odm.json ", "audio_cur.json "})
+        EXPECT_NE(got.find(std::string(f) + "cannot be read"), std::string::npos) << f << got;
+    Files now;
+    list(dir.rw(), "", now);
+    EXPECT_EQ(now, before);
+
+    start_stop(-1, 0, 0, true);
+    now.clear();
+    list(dir.rw(), "", now);
+    EXPECT_EQ(now["video_cur.json.bad"], "special");
+    EXPECT_NE(now["video_cur.json"].find("78"), std::string::npos);
+    for (const char* f : {"netport.conf", "persist/odm.json"})
+        EXPECT_EQ(now[f], "special") << f;
+}
+
+} // namespace
