@@ -32,44 +32,37 @@ bool hit(Call c, int fd)
         return false;
     char buf[512];
     ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), buf, sizeof buf - 1);
-    arm.path.assign(buf, n > 0 ? size_t(n) : 0);
-    return true;
+    return arm.path.assign(buf, n > 0 ? size_t(n) : 0), true;
 }
+const para::sys::Table& plain = para::sys::defaults();
 int fault_open(const char* p, int flags, mode_t mode)
 {
-    if (hit(kOpen, -1))
-        return arm.path = p, errno = arm.err, -1;
-    return para::sys::defaults().open(p, flags, mode);
+    return hit(kOpen, -1) ? (arm.path = p, errno = arm.err, -1) : plain.open(p, flags, mode);
 }
 int fault_fstat(int fd, struct stat* st)
 {
-    return hit(kFstat, fd) ? (errno = arm.err, -1) : para::sys::defaults().fstat(fd, st);
+    return hit(kFstat, fd) ? (errno = arm.err, -1) : plain.fstat(fd, st);
 }
 ssize_t fault_read(int fd, void* buf, size_t len)
 {
     if (!hit(kRead, fd))
-        return para::sys::defaults().read(fd, buf, len);
-    if (arm.err == 0) // short: half of what was asked
-        return para::sys::defaults().read(fd, buf, len > 1 ? len / 2 : len);
-    return errno = arm.err, -1;
+        return plain.read(fd, buf, len);
+    return arm.err ? (errno = arm.err, -1) : plain.read(fd, buf, len > 1 ? len / 2 : len); // 0: short
 }
 
-/* Every file under the read-write directory: name -> kind and content. */
+/* Every file under dir: name -> content ("special" for anything else). */
 using Files = std::map<std::string, std::string>;
-void list(const std::string& dir, const std::string& rel, Files& out)
+Files files(const std::string& dir, const std::string& rel = "", Files out = {})
 {
     DIR* d = opendir(dir.c_str());
     for (dirent* e; d && (e = readdir(d));) {
         std::string name = e->d_name, path = dir + "/" + name;
         struct stat st{};
-        if (name == "." || name == ".." || lstat(path.c_str(), &st) != 0)
-            continue;
-        if (S_ISDIR(st.st_mode))
-            list(path, rel + name + "/", out);
-        else
-            out[rel + name] = S_ISREG(st.st_mode) ? test::read_file(path).value_or("?") : "special";
+        if (name != "." && name != ".." && lstat(path.c_str(), &st) == 0)
+            S_ISDIR(st.st_mode) ? void(out = files(path, rel + name + "/", out))
+                                : void(out[rel + name] = S_ISREG(st.st_mode) ? *test::read_file(path) : "special");
     }
-    d ? closedir(d) : 0;
+    return d ? closedir(d) : 0, out;
 }
 
 class ReadFaults : public ::testing::Test {
@@ -89,13 +82,13 @@ protected:
             para_set_odm_int(const_cast<char*>("isp0_style_def"), 3);
             return platformparam_stop(1), std::string();
         }), "");
-        list(dir.rw(), "", saved);
+        saved = files(dir.rw());
         ASSERT_GE(saved.size(), 7u);
     }
     /* A start (the fault armed) and a forced save as at a stop (plain calls):
      * the calls seen, the level-3 lines naming the file the fault hit (all,
      * and those saying it cannot be read), its path. */
-    std::string start_stop(int call, int at, int err, bool changed = false)
+    std::string start_stop(int call, int at, int err, bool change = false)
     {
         return test::in_child([=] {
             alarm(30); // a start that stalls ends the child
@@ -103,16 +96,15 @@ protected:
             arm.call = call, arm.at = at, arm.err = err;
             para::sys::calls.open = fault_open, para::sys::calls.fstat = fault_fstat, para::sys::calls.read = fault_read;
             platformparam_init();
-            para::sys::calls = para::sys::defaults();
-            if (changed)
+            para::sys::calls = plain;
+            if (change)
                 para_set_video_gop_cur(0, 78);
             platformparam_save(); // what a stop saves, without waiting for the worker's turn
-            std::string out;
-            for (int c = 0; c < kCalls; ++c)
-                out += std::to_string(arm.seen[c]) + " ";
-            std::string name = arm.path.substr(arm.path.rfind('/') + 1);
-            int lines = name.empty() ? 0 : log.count(name), refused = name.empty() ? 0 : log.count(name + " cannot");
-            return out + std::to_string(lines) + " " + std::to_string(refused) + " " + arm.path;
+            std::string name = arm.path.substr(arm.path.rfind('/') + 1), out;
+            for (int n : {arm.seen[0], arm.seen[1], arm.seen[2], name.empty() ? 0 : log.count(name),
+                          name.empty() ? 0 : log.count(name + " cannot")})
+                out += std::to_string(n) + " ";
+            return out + arm.path;
         });
     }
     test::TempDir dir;
@@ -121,40 +113,33 @@ protected:
 
 TEST_F(ReadFaults, NoStartUpReadFaultLosesAValue)
 {
-    std::string counted = start_stop(-1, 0, 0);
-    int seen[kCalls] = {};
-    ASSERT_EQ(sscanf(counted.c_str(), "%d %d %d", &seen[0], &seen[1], &seen[2]), 3) << counted;
-    int points = 0;
+    int seen[kCalls] = {}, points = 0, lines, refused;
+    std::istringstream(start_stop(-1, 0, 0)) >> seen[0] >> seen[1] >> seen[2];
     for (int call = 0; call < kCalls; ++call) {
         ASSERT_GT(seen[call], 10) << "start-up reads fewer files than the example device has";
         for (int at = 1; at <= seen[call]; ++at)
             for (int err : {EIO, EACCES, EMFILE, 0}) {
                 if (err == 0 && call != kRead)
                     continue;
-                std::string got = start_stop(call, at, err);
+                std::string got = start_stop(call, at, err), path;
                 SCOPED_TRACE("call " + std::to_string(call) + " #" + std::to_string(at) + " errno " +
                              std::to_string(err) + ": " + got);
-                std::istringstream in(got);
-                int skip, lines = -1, refused = -1;
-                std::string path;
-                in >> skip >> skip >> skip >> lines >> refused >> path;
+                std::istringstream(got) >> lines >> lines >> lines >> lines >> refused >> path;
                 EXPECT_FALSE(path.empty());
                 EXPECT_EQ(lines, err == 0 ? 0 : 1) << "level-3 lines naming " << path;
                 EXPECT_EQ(refused, err == EIO || err == EACCES) << "a passing failure is read again";
-                Files now;
-                list(dir.rw(), "", now);
-                ASSERT_EQ(now, saved);
+                ASSERT_EQ(files(dir.rw()), saved);
                 ++points;
             }
     }
-    RecordProperty("fault_points", points);
     std::printf("read faults injected at %d points (open %d, fstat %d, read %d calls), 0 values lost\n",
                 points, seen[0], seen[1], seen[2]);
 }
 
 /* A FIFO, a link to /dev/zero and an oversized file at current-file names:
  * the start goes on, refusing each once; they stay until a value of their
- * module changes, and then only that file is set aside. */
+ * module changes, and then only that file is set aside. A line too long for
+ * the store is kept in a copy before any save can drop it. */
 TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
 {
     for (const char* f : {"video_cur.json", "netport.conf", "persist/odm.json"})
@@ -163,28 +148,27 @@ TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
     ASSERT_EQ(mkfifo((dir.rw() + "/netport.conf").c_str(), 0644), 0);
     ASSERT_EQ(symlink("/dev/zero", (dir.rw() + "/persist/odm.json").c_str()), 0);
     test::write_file(dir.rw() + "/audio_cur.json", std::string(2 << 20, ' ') + saved["audio_cur.json"]);
-    Files before;
-    list(dir.rw(), "", before);
-    std::string got = test::in_child([] {
+    std::string misc = "long=" + std::string(300, 'x') + "\n" + saved["misc.conf"];
+    test::write_file(dir.rw() + "/misc.conf", misc);
+    Files before = files(dir.rw());
+    std::string log = test::in_child([] {
         alarm(30);
         test::LogCapture log(3);
-        platformparam_init();
-        platformparam_save();
-        return log.dump();
+        return platformparam_init(), platformparam_save(), log.dump();
     });
     for (const char* f : {"video_cur.json ", "netport.conf ", "odm.json ", "audio_cur.json "})
-        EXPECT_NE(got.find(std::string(f) + "cannot be read"), std::string::npos) << f << got;
-    Files now;
-    list(dir.rw(), "", now);
-    EXPECT_EQ(now, before);
+        EXPECT_NE(log.find(std::string(f) + "cannot be read"), std::string::npos) << f << log;
+    EXPECT_NE(log.find("misc.conf: 1 line(s) too long"), std::string::npos) << log;
+    before["misc.conf.bad"] = misc;
+    before["misc.conf"] = saved["misc.conf"];
+    EXPECT_EQ(files(dir.rw()), before);
 
     start_stop(-1, 0, 0, true);
-    now.clear();
-    list(dir.rw(), "", now);
+    Files now = files(dir.rw());
     EXPECT_EQ(now["video_cur.json.bad"], "special");
     EXPECT_NE(now["video_cur.json"].find("78"), std::string::npos);
-    for (const char* f : {"netport.conf", "persist/odm.json"})
-        EXPECT_EQ(now[f], "special") << f;
+    EXPECT_EQ(now["netport.conf"], "special");
+    EXPECT_EQ(now["persist/odm.json"], "special");
 }
 
 } // namespace
