@@ -449,12 +449,12 @@ int para_save_conf(char* parse_name)
         return -1;
     bool changed = conf_list[s].change.take();
     char path[PARA_PATH_MAX];
-    if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf") ||
-        !conf_list[s].file.writable(__func__, path, changed))
+    if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
         return 0;
     /* The sweep hears nothing of a failure (logged by the writer); the
      * change stays pending and is tried again. */
-    conf_list[s].change.saved(para::write_conf_file(path, store, true, __func__), kSaveDelayMs);
+    int r = conf_list[s].file.writable(__func__, path, changed);
+    conf_list[s].change.saved(r > 0 ? para::write_conf_file(path, store, true, __func__) : r, kSaveDelayMs);
     return 0;
 }
 

@@ -100,8 +100,10 @@ public:
     {
         state_ = how == CurLoad::unreadable ? kHeld : how == CurLoad::blocked ? kNever : kFree;
     }
-    /* Before a save writes path; changed: a value changed since the load. */
-    bool writable(const char* func, const char* path, bool changed);
+    /* Before a save writes path; changed: a value changed since the load.
+     * 1: write; 0: leave the file, nothing to save; -1: a change cannot be
+     * written (logged), the save counts as failed. */
+    int writable(const char* func, const char* path, bool changed);
 
 private:
     enum { kFree, kHeld, kNever };

@@ -511,12 +511,11 @@ int para_save_isp(char* parse_name)
     char path[PARA_PATH_MAX];
     if (!para::make_path(path, para_profile.param_rwfile_dir, k_cur_file))
         return -1;
-    if (!isp_cur_file.writable(__func__, path, changed))
-        return 0;
     para::JsonPtr root(cJSON_CreateObject());
     for (int i = 0; i < g_num_isp; ++i)
         cJSON_AddItemToObject(root.get(), isp_key(i).data(), Create_Json_ISPObject(i, 0));
-    int r = para::write_json_file(path, root.get(), __func__);
+    int r = isp_cur_file.writable(__func__, path, changed);
+    r = r > 0 ? para::write_json_file(path, root.get(), __func__) : r;
     isp_change.saved(r, k_save_delay_ms);
     return para::module_result(r);
 }

@@ -353,10 +353,9 @@ int para_save_misc(char* parse_name)
     if (para::same(parse_name, "misc"))
         r = para::save_misc_legacy(parse_name, conf_cur[s], __func__, changed);
     else if (!conf_cur[s] ||
-             !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf") ||
-             !misc_file[s].writable(__func__, path, changed))
+             !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
         return 0;
-    else
+    else if ((r = misc_file[s].writable(__func__, path, changed)) > 0)
         r = para::write_conf_file(path, conf_cur[s], true, __func__);
     misc_item_change[s].saved(r, kSaveDelayMs);
     return para::module_result(r);

@@ -266,9 +266,10 @@ int para_save_odm(char* parse_name)
         return 0;
     ensure_persist_dir(__func__, p);
     std::lock_guard<std::mutex> lock(odm_mutex);
-    if (!json_odm_file || !odm_file.writable(__func__, p.file, changed))
+    if (!json_odm_file)
         return 0;
-    int r = para::write_json_file(p.file, json_odm_file, __func__);
+    int r = odm_file.writable(__func__, p.file, changed);
+    r = r > 0 ? para::write_json_file(p.file, json_odm_file, __func__) : r;
     odm_change.saved(r, kOdmSaveDelayMs);
     return para::module_result(r);
 }

@@ -537,9 +537,8 @@ inline int save(const Module& m, const char* fn)
     char path[PARA_PATH_MAX];
     if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
         return 0;
-    if (!m.st->cur_file.writable(fn, path, changed))
-        return 0;
-    int r = write_json_file(path, tree.get(), fn);
+    int w = m.st->cur_file.writable(fn, path, changed);
+    int r = w > 0 ? write_json_file(path, tree.get(), fn) : w;
     m.st->change.saved(r, delay_of(m));
     return module_result(r);
 }

@@ -166,23 +166,23 @@ CurLoad read_current(const char* func, const char* path, FileText& out)
     return CurLoad::unreadable;
 }
 
-bool CurrentFile::writable(const char* func, const char* path, bool changed)
+int CurrentFile::writable(const char* func, const char* path, bool changed)
 {
     int st = state_.load();
     if (st == kFree)
-        return true;
+        return 1;
     if (st == kNever || !changed) {
-        PARA_LOG_FN(PARA_INFO, func, "%s was not read, left as it is\n", path);
-        return false;
+        PARA_LOG_FN(changed ? PARA_ERR : PARA_INFO, func, "%s was not read, left as it is\n", path);
+        return changed ? -1 : 0;
     }
     std::string bad = std::string(path) + ".bad";
     if (durable_rename(func, path, bad.c_str()) != 0 && errno != ENOENT) {
         PARA_LOG_FN(PARA_ERR, func, "%s could not be moved aside: not written\n", path);
-        return false;
+        return -1;
     }
     PARA_LOG_FN(PARA_INFO, func, "%s moved aside to %s\n", path, bad.c_str());
     state_ = kFree;
-    return true;
+    return 1;
 }
 
 CurLoad parse_conf_file(const char* func, configure* store, const config_keys* keys,

@@ -137,9 +137,10 @@ int save_misc_legacy(char* file_name, configure* cur, const char* func, bool cha
     if (!ver_item || !cur)
         return 0;
     char path[PARA_PATH_MAX];
-    if (!rw_path(path, newer_layout() ? "misc.conf" : "misc_cur.json") ||
-        !cur_file.writable(func, path, changed))
+    if (!rw_path(path, newer_layout() ? "misc.conf" : "misc_cur.json"))
         return 0;
+    if (int w = cur_file.writable(func, path, changed); w <= 0)
+        return w;
     if (newer_layout())
         return write_conf_file(path, cur, false, func);
     JsonPtr values(cJSON_CreateObject());
