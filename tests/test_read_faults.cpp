@@ -153,12 +153,13 @@ TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
     Files before = files(dir.rw());
     std::string log = test::in_child([] {
         alarm(30);
-        test::LogCapture log(3);
+        test::LogCapture log(6);
         return platformparam_init(), platformparam_save(), log.dump();
     });
     for (const char* f : {"video_cur.json ", "netport.conf ", "odm.json ", "audio_cur.json "})
         EXPECT_NE(log.find(std::string(f) + "cannot be read"), std::string::npos) << f << log;
     EXPECT_NE(log.find("misc.conf: 1 line(s) too long"), std::string::npos) << log;
+    EXPECT_NE(log.find("Error read cur buf"), std::string::npos) << log;
     before["misc.conf.bad"] = misc;
     before["misc.conf"] = saved["misc.conf"];
     EXPECT_EQ(files(dir.rw()), before);
