@@ -225,8 +225,9 @@ int para_init_misc_legacy(char* file_name, configure** cur, configure** def, cJS
         parse_conf(*cur, "misc.conf", true);
         parse_conf(*cur, "misc.conf", false);
     } else {
-        if (load_old_values(*def, "misc_def.json", true) != 0)
-            return -1;
+        // The older layout's defaults are optional: without them the current
+        // file alone still gives the device its settings.
+        load_old_values(*def, "misc_def.json", true);
         load_old_values(*cur, "misc_def.json", true);
         load_old_values(*cur, "misc_cur.json", false);
     }
