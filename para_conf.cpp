@@ -100,9 +100,31 @@ struct StoreSize {
 int add_entry_size(void* argv, const char* key, const char* value)
 {
     auto* size = static_cast<StoreSize*>(argv);
-    size->bytes += reply_bytes(key, value);
-    ++size->entries;
-    return size->bytes > kMaxAllReply; // past the bound the exact sums are of no use
+    ++size->entries; // counted to the end: the refusal line tells the true number
+    if (size->bytes <= kMaxAllReply) // past the bound the exact sum is of no use
+        size->bytes += reply_bytes(key, value);
+    return 0;
+}
+
+/* One request may carry hundreds of keys the store refuses; the worker thread
+ * logs the first few of them and then a count, not a line per key. */
+struct RefusalBudget {
+    unsigned logged = 0;
+    unsigned dropped = 0;
+};
+thread_local RefusalBudget* refusal_budget = nullptr;
+constexpr unsigned kRefusalLines = 3;
+
+bool log_refusal()
+{
+    RefusalBudget* b = refusal_budget;
+    if (!b || b->logged < kRefusalLines) {
+        if (b)
+            ++b->logged;
+        return true;
+    }
+    ++b->dropped;
+    return false;
 }
 
 struct Layers {
@@ -361,7 +383,8 @@ int _para_conf_set_member(const char* file_name, const char* key, const char* te
     if (!store)
         return -1;
     if (!key_round_trips(key)) {
-        PARA_LOG(PARA_ERR, "%s refuse key [%s]\n", file_name, key ? key : "(null)");
+        if (log_refusal())
+            PARA_LOG(PARA_ERR, "%s refuse key [%s]\n", file_name, key ? key : "(null)");
         return -1;
     }
     /* Serialises the bound check with the put it allows; only growing
@@ -376,22 +399,29 @@ int _para_conf_set_member(const char* file_name, const char* key, const char* te
         StoreSize size;
         store->loop(store, add_entry_size, &size);
         if (!had && size.entries >= kMaxEntries) {
-            PARA_LOG(PARA_ERR, "%s refuse new key [%s]: %u keys already\n", file_name, key,
-                     size.entries);
+            if (log_refusal())
+                PARA_LOG(PARA_ERR, "%s refuse new key [%s]: %u keys already\n", file_name, key,
+                         size.entries);
             return -1;
         }
         /* A store that its files already made larger keeps taking changes
          * of the keys it has; no request may push it past the bound. */
         size_t after = size.bytes - old_bytes + reply_bytes(key, text);
         if (after > kMaxAllReply && (!had || size.bytes <= kMaxAllReply)) {
-            PARA_LOG(PARA_ERR, "%s refuse [%s]: the all reply would pass %zu bytes\n", file_name,
-                     key, kMaxAllReply);
+            if (log_refusal())
+                PARA_LOG(PARA_ERR, "%s refuse [%s]: the all reply would pass %zu bytes\n",
+                         file_name, key, kMaxAllReply);
             return -1;
         }
     }
     int r = store->put(store, key, text);
     if (r > 0)
         conf_list[s].change.mark();
+    else if (r < 0 && log_refusal())
+        PARA_LOG(PARA_ERR, "%s refuse [%s]: %s\n", file_name, key,
+                 !text                                ? "no value"
+                 : strlen(text) >= size_t(para::kValueBuf) ? "value longer than 255 bytes"
+                                                      : "value holds a line break");
     return r;
 }
 
@@ -504,10 +534,16 @@ int para_set_conf_opt(char* req_name, void* jsonIn, char* parse_name)
 {
     auto* in = static_cast<cJSON*>(jsonIn);
     bool changed = false;
+    RefusalBudget budget;
+    refusal_budget = &budget;
     for (cJSON* item = in ? in->child : nullptr; item; item = item->next)
         if (cJSON_IsString(item) && item->string &&
             _para_conf_set_member(parse_name, item->string, item->valuestring) == 1)
             changed = true;
+    refusal_budget = nullptr;
+    if (budget.dropped)
+        PARA_LOG(PARA_ERR, "%s: further refusals of this request not logged: %u\n", parse_name,
+                 budget.dropped);
     if (changed) {
         PARA_LOG(PARA_INFO, "need_to_notify\n");
         if (para_profile.conf_caller)

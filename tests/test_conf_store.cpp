@@ -22,6 +22,8 @@ TEST(ConfStoreText, FiftyThousandLinesLoadWhole)
         ASSERT_EQ(buf, "over" + std::to_string(i)) << key;
     }
     // Keys from files always load; a request cannot add to such a store.
+    test::LogCapture log(3);
     EXPECT_EQ(_para_conf_set_member("netport", "extra", "x"), -1);
+    EXPECT_TRUE(log.contains("refuse new key [extra]: 50000 keys already")) << log.dump();
     EXPECT_EQ(_para_conf_set_member("netport", "key7", "seven"), 1);
 }
