@@ -1,6 +1,8 @@
 // The "call" steps of the scenario files: exported functions, and a few
 // actions of the host application around them, by name. Each answers one
 // line of text ("ret", "ret value", a printed tree) that the step checks.
+#include <gtest/gtest.h>
+
 #include "para_internal.h"
 #include "para_isp_internal.h"
 #include "support.h"
@@ -349,7 +351,10 @@ std::string call(const std::string& line, const std::string& dir)
     std::string name = v.front();
     v.erase(v.begin());
     auto f = kCalls.find(name);
-    return f == kCalls.end() ? "(no such call " + name + ")" : f->second(v);
+    if (f != kCalls.end())
+        return f->second(v);
+    ADD_FAILURE() << "no such call " << name; // a misspelt step must not pass unchecked
+    return {};
 }
 
 } // namespace scenario
