@@ -31,26 +31,28 @@ void notify_af(void* setter, int, int value)
         para_profile.af_caller(setter, value);
 }
 
-const typed::Module af = {
-    "AF",
-    af_members,
-    kMembers,
-    nullptr,
-    PARA_TYPED_RECORDS(para_af),
-    sizeof(dov_af_param_s) / sizeof(int32_t),
-    1,
-    &af_records,
-    nullptr,
-    {"af_range.json", "af_def.json", "af_cur.json"},
-    true,
-    false,
-    0,
-    &af_state,
-    &af_item_start_time,
-    nullptr, // fixed delay
-    notify_af,
-    nullptr, // the row takes no set requests
-};
+const typed::Module af = [] {
+    typed::Module m{};
+    m.title = "AF";
+    m.members = af_members;
+    m.count = kMembers;
+    m.order = nullptr;
+    m.rec = PARA_TYPED_RECORDS(para_af);
+    m.stride = sizeof(dov_af_param_s) / sizeof(int32_t);
+    m.records = 1;
+    m.streams = &af_records;
+    m.stream_key = nullptr;
+    m.files = {"af_range.json", "af_def.json", "af_cur.json"};
+    m.plain = true;
+    m.write_by_prefix = false;
+    m.missing_kind_result = 0;
+    m.st = &af_state;
+    m.stamp = &af_item_start_time;
+    m.delay_ms = nullptr; // fixed delay
+    m.notify = notify_af;
+    m.page = nullptr; // the row takes no set requests
+    return m;
+}();
 
 } // namespace
 

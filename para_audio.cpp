@@ -44,26 +44,28 @@ void notify_audio(void* setter, int, int value)
         para_profile.audio_caller(setter, value);
 }
 
-const typed::Module audio = {
-    "AUDIO",
-    audio_members,
-    kMembers,
-    audio_order,
-    PARA_TYPED_RECORDS(para_audio),
-    sizeof(dov_audio_param_s) / sizeof(int32_t),
-    1,
-    &audio_records,
-    nullptr,
-    {"audio_range.json", "audio_def.json", "audio_cur.json"},
-    false,
-    false,
-    0,
-    &audio_state,
-    &audio_item_start_time,
-    &audio_save_param_time,
-    notify_audio,
-    &para_profile.audio_page_caller,
-};
+const typed::Module audio = [] {
+    typed::Module m{};
+    m.title = "AUDIO";
+    m.members = audio_members;
+    m.count = kMembers;
+    m.order = audio_order;
+    m.rec = PARA_TYPED_RECORDS(para_audio);
+    m.stride = sizeof(dov_audio_param_s) / sizeof(int32_t);
+    m.records = 1;
+    m.streams = &audio_records;
+    m.stream_key = nullptr;
+    m.files = {"audio_range.json", "audio_def.json", "audio_cur.json"};
+    m.plain = false;
+    m.write_by_prefix = false;
+    m.missing_kind_result = 0;
+    m.st = &audio_state;
+    m.stamp = &audio_item_start_time;
+    m.delay_ms = &audio_save_param_time;
+    m.notify = notify_audio;
+    m.page = &para_profile.audio_page_caller;
+    return m;
+}();
 
 } // namespace
 

@@ -11,6 +11,7 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <cstddef>
 #include <mutex>
 
@@ -85,10 +86,18 @@ struct Member {
     void* setter; /* the public setter, handed to the member callback */
 };
 
-/* What a module changes at run time. */
+/* What a module changes at run time.
+ *
+ * The one concurrency rule of the typed modules: a current value is a single
+ * 32-bit word, read and written atomically by anyone without a lock (the
+ * per-member getters and setters run on the host's hot paths). Everything
+ * else in the records (ranges, defaults, exist words, records in use) is
+ * written only while loading, under `mu`; the walks over several members
+ * (requests by name, file objects, the log dump) take `mu` too, so they never
+ * see a module half loaded. Callbacks run without it. */
 struct State {
     ChangeState change;
-    std::mutex mu;
+    std::mutex mu; /* loading against multi-member walks; see above */
     /* Set once the range and default files loaded: until then the records
      * hold no settings, and saving would only overwrite the stored ones. */
     std::atomic<bool> loaded{false};
@@ -103,12 +112,12 @@ struct Module {
     const Member* members;
     int count;
     const int* order; /* key order of objects and files; null: record order */
-    int32_t* rec[kRecKinds];
+    std::array<int32_t*, kRecKinds> rec;
     int stride;         /* int32 per record */
     int records;        /* records per kind */
     int* streams;       /* records in use */
     const char* stream_key; /* "video%d": files and objects keyed per stream; null: flat */
-    const char* files[3];   /* range, default (read-only dir), current (read-write dir) */
+    std::array<const char*, 3> files; /* range, default (read-only dir), current (read-write dir) */
     /* Focus/zoom flavour: numbers only, exist 0/1, getters and setter skip
      * the existence test, range containers not type-tested, file failures
      * not logged. */
@@ -122,8 +131,6 @@ struct Module {
     void (**page)(void* json); /* the profile's page callback slot, or null */
 };
 
-/* The application's threads and the worker both reach the records; the
- * module mutex keeps single accesses whole. Callbacks run without it. */
 using Lock = std::lock_guard<std::mutex>;
 
 inline bool valid(const Module& m, int s)
@@ -156,16 +163,13 @@ inline int find_member(const Module& m, const char* name, bool by_prefix)
     return -1;
 }
 
-/* Current values change at run time from any thread; every access to them
- * after loading is a single atomic 32-bit load or store, so the
- * per-member getters and setters need no lock (they run on the host's hot
- * paths). Ranges, defaults and exist words change only while loading. */
+/* Lock-free by the rule on State. */
 inline int32_t cur_of(const Module& m, int s, const Member& mb)
 {
     return __atomic_load_n(&at(m, kCur, s, mb), __ATOMIC_RELAXED);
 }
 
-inline int get_locked(const Module& m, const Member& mb, Rec r, int s)
+inline int read_value(const Module& m, const Member& mb, Rec r, int s)
 {
     if (!valid(m, s))
         return -1;
@@ -176,14 +180,14 @@ inline int get_locked(const Module& m, const Member& mb, Rec r, int s)
 
 inline int get(const Module& m, int idx, Rec r, int s)
 {
-    return get_locked(m, m.members[idx], r, s);
+    return read_value(m, m.members[idx], r, s);
 }
 
-/* Range-checked store of a new current value; 1 when it changed. Safe with
- * or without the module lock. Two threads writing the same member at once
+/* Range-checked store of a new current value; 1 when it changed. Needs no
+ * lock (the rule on State). Two threads writing the same member at once
  * both store (the later value stays, as with any setter) and both mark the
  * change, so nothing accepted is ever left unsaved. */
-inline int set_locked(const Module& m, const Member& mb, int s, int val)
+inline int store_value(const Module& m, const Member& mb, int s, int val)
 {
     if (!valid(m, s) || (!m.plain && at(m, kExist, s, mb) == 0))
         return 0;
@@ -202,7 +206,7 @@ inline int set_locked(const Module& m, const Member& mb, int s, int val)
 
 inline int set_internal(const Module& m, int idx, int s, int val)
 {
-    return set_locked(m, m.members[idx], s, val);
+    return store_value(m, m.members[idx], s, val);
 }
 
 /* Stores through the internal setter and tells the application. */
@@ -426,7 +430,7 @@ inline int get_member(const Module& m, const char* name, int s, int* val, char**
     const Member& mb = m.members[idx];
     Lock lk(m.st->mu);
     if (val)
-        *val = get_locked(m, mb, kCur, s);
+        *val = read_value(m, mb, kCur, s);
     if (!valid(m, s))
         return 0;
     int exist = at(m, kExist, s, mb);
@@ -449,7 +453,7 @@ inline int set_member(const Module& m, const char* name, int s, int val, const c
     // A name that fits nothing gives -1000, which the range check decides on.
     if (mb.named)
         val = valString ? lookup_num(mb, valString) : kNoName;
-    return set_locked(m, mb, s, val);
+    return store_value(m, mb, s, val);
 }
 
 /* ---- requests ----------------------------------------------------------- */
@@ -568,7 +572,7 @@ inline void dump(const Module& m, const char* fn)
             if (m.stream_key && at(m, kExist, s, mb) == 0)
                 continue;
             PARA_LOG_FN(PARA_INFO, fn, "%16s : cur:[%d],\tdef:[%d],\trange:[%d,%d]\n", mb.key,
-                     get_locked(m, mb, kCur, s), at(m, kDef, s, mb), at(m, kMin, s, mb),
+                     read_value(m, mb, kCur, s), at(m, kDef, s, mb), at(m, kMin, s, mb),
                      at(m, kMax, s, mb));
         }
     }

@@ -81,26 +81,28 @@ void notify_video(void* setter, int stream, int value)
         para_profile.video_caller(setter, stream, value);
 }
 
-const typed::Module video = {
-    "VIDEO",
-    video_members,
-    kMembers,
-    nullptr,
-    PARA_TYPED_RECORDS(para_video),
-    sizeof(dov_video_param_s) / sizeof(int32_t),
-    PARA_VIDEO_STREAMS,
-    &g_num_stream,
-    "video%d",
-    {"video_range.json", "video_def.json", "video_cur.json"},
-    false,
-    true,
-    -1,
-    &video_state,
-    &video_item_start_time,
-    &video_save_param_time,
-    notify_video,
-    &para_profile.video_page_caller,
-};
+const typed::Module video = [] {
+    typed::Module m{};
+    m.title = "VIDEO";
+    m.members = video_members;
+    m.count = kMembers;
+    m.order = nullptr;
+    m.rec = PARA_TYPED_RECORDS(para_video);
+    m.stride = sizeof(dov_video_param_s) / sizeof(int32_t);
+    m.records = PARA_VIDEO_STREAMS;
+    m.streams = &g_num_stream;
+    m.stream_key = "video%d";
+    m.files = {"video_range.json", "video_def.json", "video_cur.json"};
+    m.plain = false;
+    m.write_by_prefix = true;
+    m.missing_kind_result = -1;
+    m.st = &video_state;
+    m.stamp = &video_item_start_time;
+    m.delay_ms = &video_save_param_time;
+    m.notify = notify_video;
+    m.page = &para_profile.video_page_caller;
+    return m;
+}();
 
 /* The stream a request key names: the first stream in [0, limit) whose
  * "video%d" the key is a beginning of; -1 for none or no key. */
