@@ -477,14 +477,15 @@ int para_save_conf(char* parse_name)
     configure* store = current_store(parse_name, &s);
     if (!store)
         return -1;
-    bool changed = conf_list[s].change.take();
     char path[PARA_PATH_MAX];
-    if (!para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
-        return 0;
+    bool named = para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf");
     /* The sweep hears nothing of a failure (logged by the writer); the
      * change stays pending and is tried again. */
-    int r = conf_list[s].file.writable(__func__, path, changed);
-    conf_list[s].change.saved(r > 0 ? para::write_conf_file(path, store, true, __func__) : r, kSaveDelayMs);
+    para::save_store({__func__, conf_list[s].change, &conf_list[s].file, kSaveDelayMs, true,
+                      conf_list[s].file_name, named ? path : nullptr},
+                     [store](const char* to, bool) {
+                         return para::write_conf_file(to, store, true, "para_save_conf");
+                     });
     return 0;
 }
 

@@ -239,6 +239,38 @@ struct ChangeState {
 /* Tests move the library's clock forward by this much. */
 extern std::atomic<int64_t> clock_offset_ns;
 
+/* The save of one store, the same sequence for every module. The change flag
+ * is cleared first, so a change that lands while the file is written stays
+ * pending; a store that did not load never writes; a path that could not be
+ * built (logged where it was built) is a file that could not be opened: 0 to
+ * the caller and the change kept for a later try, like every failure, through
+ * the change state's back-off. write(path, changed) writes the snapshot it
+ * takes and answers like the durable write. The caller holds whatever lock the store's
+ * file needs. */
+struct SaveStep {
+    const char* fn;  /* the exported save: its log lines name it */
+    ChangeState& change;
+    CurrentFile* file; /* null: write guards its file itself (gets changed) */
+    int delay_ms;
+    bool loaded;
+    const char* name; /* "not loaded, <name> left as it is" */
+    const char* path; /* null: no path */
+};
+template <class Write>
+int save_store(const SaveStep& s, Write&& write)
+{
+    bool changed = s.change.take();
+    if (!s.loaded) {
+        PARA_LOG_FN(PARA_INFO, s.fn, "not loaded, %s left as it is\n", s.name);
+        return 0;
+    }
+    int r = !s.path ? kNotOpened : s.file ? s.file->writable(s.fn, s.path, changed) : 1;
+    if (r > 0)
+        r = write(s.path, changed);
+    s.change.saved(r, s.delay_ms);
+    return module_result(r);
+}
+
 /* Copies a stamp into an exported timespec. */
 void stamp_to_timespec(int64_t ns, struct timespec* ts);
 

@@ -502,22 +502,17 @@ int para_need_save_isp(char* parse_name)
 int para_save_isp(char* parse_name)
 {
     std::lock_guard<std::mutex> saving(para::save_mutex);
-    // Cleared first: a change made while the file is written stays pending.
-    bool changed = isp_change.take();
-    if (!isp_loaded) {
-        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", k_cur_file);
-        return 0;
-    }
     char path[PARA_PATH_MAX];
-    if (!para::make_path(path, para_profile.param_rwfile_dir, k_cur_file))
-        return -1;
-    para::JsonPtr root(cJSON_CreateObject());
-    for (int i = 0; i < g_num_isp; ++i)
-        cJSON_AddItemToObject(root.get(), isp_key(i).data(), Create_Json_ISPObject(i, 0));
-    int r = isp_cur_file.writable(__func__, path, changed);
-    r = r > 0 ? para::write_json_file(path, root.get(), __func__) : r;
-    isp_change.saved(r, k_save_delay_ms);
-    return para::module_result(r);
+    bool named = para::make_path(path, para_profile.param_rwfile_dir, k_cur_file);
+    return para::save_store({__func__, isp_change, &isp_cur_file, k_save_delay_ms, isp_loaded,
+                             k_cur_file, named ? path : nullptr},
+                            [](const char* to, bool) {
+                                para::JsonPtr root(cJSON_CreateObject());
+                                for (int i = 0; i < g_num_isp; ++i)
+                                    cJSON_AddItemToObject(root.get(), isp_key(i).data(),
+                                                          Create_Json_ISPObject(i, 0));
+                                return para::write_json_file(to, root.get(), "para_save_isp");
+                            });
 }
 
 /* ---- maintenance of defaults ----------------------------------------- */

@@ -343,22 +343,21 @@ int para_save_misc(char* parse_name)
         return -1;
     // The older layout of "misc" writes without a file lock.
     std::lock_guard<std::mutex> saving(para::save_mutex);
-    bool changed = misc_item_change[s].take();
-    if (!misc_loaded[s]) {
-        PARA_LOG(PARA_INFO, "not loaded, %s left as it is\n", conf_list[s].file_name);
-        return 0;
-    }
-    int r;
     char path[PARA_PATH_MAX];
-    if (para::same(parse_name, "misc"))
-        r = para::save_misc_legacy(parse_name, conf_cur[s], __func__, changed);
-    else if (!conf_cur[s] ||
-             !para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf"))
-        return 0;
-    else if ((r = misc_file[s].writable(__func__, path, changed)) > 0)
-        r = para::write_conf_file(path, conf_cur[s], true, __func__);
-    misc_item_change[s].saved(r, kSaveDelayMs);
-    return para::module_result(r);
+    if (para::same(parse_name, "misc")) // its layout picks the file, its loader the guard
+        return para::save_store({__func__, misc_item_change[s], nullptr, kSaveDelayMs, misc_loaded[s],
+                                 conf_list[s].file_name, conf_list[s].file_name},
+                                [&](const char*, bool changed) {
+                                    return para::save_misc_legacy(parse_name, conf_cur[s],
+                                                                  "para_save_misc", changed);
+                                });
+    bool named = para::make_path(path, para_profile.param_rwfile_dir, conf_list[s].file_name, ".conf");
+    return para::save_store({__func__, misc_item_change[s], &misc_file[s], kSaveDelayMs,
+                             misc_loaded[s] && conf_cur[s], conf_list[s].file_name,
+                             named ? path : nullptr},
+                            [s](const char* to, bool) {
+                                return para::write_conf_file(to, conf_cur[s], true, "para_save_misc");
+                            });
 }
 
 int para_save_misc_conf_2_buf(const char* file_name, char* buf, int size)

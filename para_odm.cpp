@@ -260,18 +260,16 @@ int para_need_save_odm(char* parse_name)
 
 int para_save_odm(char* parse_name)
 {
-    bool changed = odm_change.take();
     OdmPaths p;
-    if (!odm_paths(__func__, p))
-        return 0;
-    ensure_persist_dir(__func__, p);
+    bool named = odm_paths(__func__, p);
+    if (named)
+        ensure_persist_dir(__func__, p);
     std::lock_guard<std::mutex> lock(odm_mutex);
-    if (!json_odm_file)
-        return 0;
-    int r = odm_file.writable(__func__, p.file, changed);
-    r = r > 0 ? para::write_json_file(p.file, json_odm_file, __func__) : r;
-    odm_change.saved(r, kOdmSaveDelayMs);
-    return para::module_result(r);
+    return para::save_store({__func__, odm_change, &odm_file, kOdmSaveDelayMs, json_odm_file != nullptr,
+                             "odm.json", named ? p.file : nullptr},
+                            [](const char* to, bool) {
+                                return para::write_json_file(to, json_odm_file, "para_save_odm");
+                            });
 }
 
 /* ---- accessors ------------------------------------------------------ */

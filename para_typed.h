@@ -532,19 +532,14 @@ inline int need_save(const Module& m)
 inline int save(const Module& m, const char* fn)
 {
     std::lock_guard<std::mutex> saving(save_mutex);
-    bool changed = m.st->change.take();
-    if (!m.st->loaded) {
-        PARA_LOG_FN(PARA_INFO, fn, "not loaded, %s left as it is\n", m.files[2]);
-        return 0;
-    }
-    JsonPtr tree(file_object(m));
     char path[PARA_PATH_MAX];
-    if (!make_path(path, para_profile.param_rwfile_dir, m.files[2]))
-        return 0;
-    int w = m.st->cur_file.writable(fn, path, changed);
-    int r = w > 0 ? write_json_file(path, tree.get(), fn) : w;
-    m.st->change.saved(r, delay_of(m));
-    return module_result(r);
+    bool named = make_path(path, para_profile.param_rwfile_dir, m.files[2]);
+    return save_store({fn, m.st->change, &m.st->cur_file, delay_of(m), m.st->loaded, m.files[2],
+                       named ? path : nullptr},
+                      [&](const char* to, bool) {
+                          JsonPtr tree(file_object(m));
+                          return write_json_file(to, tree.get(), fn);
+                      });
 }
 
 inline int save_delay(const Module& m, int msec, const char* fn)

@@ -138,7 +138,7 @@ int save_misc_legacy(char* file_name, configure* cur, const char* func, bool cha
         return 0;
     char path[PARA_PATH_MAX];
     if (!rw_path(path, newer_layout() ? "misc.conf" : "misc_cur.json"))
-        return 0;
+        return kNotOpened; // 0 to the host, but the change stays pending
     if (int w = cur_file.writable(func, path, changed); w <= 0)
         return w;
     if (newer_layout())
