@@ -236,8 +236,10 @@ struct ChangeState {
     static int64_t now_ns();
 };
 
-/* Tests move the library's clock forward by this much. */
+/* Tests move the library's clock forward by this much, and may stop it at a
+ * reading (nonzero) so that only the offset moves it. */
 extern std::atomic<int64_t> clock_offset_ns;
+extern std::atomic<int64_t> clock_frozen_ns;
 
 /* The save of one store, the same sequence for every module. The change flag
  * is cleared first, so a change that lands while the file is written stays

@@ -815,12 +815,15 @@ int name_index_exact(const char* text, const char* const* names, int count)
 }
 
 std::atomic<int64_t> clock_offset_ns{0};
+std::atomic<int64_t> clock_frozen_ns{0};
 
 int64_t ChangeState::now_ns()
 {
+    int64_t frozen = clock_frozen_ns.load(std::memory_order_relaxed);
     timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec +
+    if (!frozen)
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (frozen ? frozen : static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec) +
            clock_offset_ns.load(std::memory_order_relaxed);
 }
 
@@ -833,41 +836,20 @@ void ChangeState::mark()
     flag.store(1, std::memory_order_release);
 }
 
-namespace {
-
-/* The coarse clock costs a few nanoseconds instead of a few dozen and lags
- * the true time by less than one tick: enough to tell that a pending change
- * is not due yet, which is what the sweep asks ten times a second. */
-int64_t coarse_upper_ns()
-{
-    static const int64_t tick = [] {
-        timespec res{};
-        if (clock_getres(CLOCK_MONOTONIC_COARSE, &res) != 0)
-            return static_cast<int64_t>(10000000);
-        return static_cast<int64_t>(res.tv_sec) * 1000000000 + res.tv_nsec + 1000000;
-    }();
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec + tick +
-           clock_offset_ns.load(std::memory_order_relaxed);
-}
-
-} // namespace
-
 bool ChangeState::due(int delay_ms) const
 {
     if (flag.load(std::memory_order_acquire) != 1)
         return false;
     int64_t retry = retry_ns.load(std::memory_order_relaxed);
     if (retry)
-        return coarse_upper_ns() >= retry && now_ns() >= retry;
+        return now_ns() >= retry;
     if (delay_ms <= 0)
         return true;
     int64_t delay = static_cast<int64_t>(delay_ms) * 1000000;
     int64_t stamp = stamp_ns.load(std::memory_order_relaxed);
     int64_t first = first_ns.load(std::memory_order_relaxed);
-    auto ready = [&](int64_t now) { return now - stamp >= delay || now - first >= 10 * delay; };
-    return ready(coarse_upper_ns()) && ready(now_ns());
+    int64_t now = now_ns();
+    return now - stamp >= delay || now - first >= 10 * delay;
 }
 
 void ChangeState::saved(int result, int delay_ms)
