@@ -159,7 +159,7 @@ const Target kTargets[] = {
      [](const std::string& d) {
          return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                 mount((d + "/src").c_str(), (d + "/f").c_str(), nullptr, MS_BIND, nullptr) == 0; }, "src", "new", ""},
-    {"chardev", [](const std::string& d) { return mknod((d + "/c").c_str(), S_IFCHR | 0666, makedev(1, 3)), d + "/c"; }, nullptr, "c", nullptr, "is not a regular file"},
+    {"chardev", [](const std::string& d) { return mknod((d + "/c").c_str(), S_IFCHR | 0666, makedev(1, 3)) ? "" : d + "/c"; }, nullptr, "c", nullptr, "is not a regular file"},
     {"fifo", [](const std::string& d) { return mkfifo((d + "/p").c_str(), 0666), d + "/p"; }, nullptr, "p", nullptr, "is not a regular file"},
     {"directory", [](const std::string& d) { return mkdir((d + "/d").c_str(), 0755), d + "/d"; }, nullptr, "d", nullptr, "is not a regular file"},
 };
@@ -171,6 +171,8 @@ TEST_P(Targets, ReplaceWhatThePathNamesOrRefuse)
     test::TempDir dir;
     const Target& t = GetParam();
     std::string path = t.prepare(dir.rw()), holder = dir.rw() + "/" + t.holder;
+    if (path.empty())
+        GTEST_SKIP() << "this target cannot be made here: " << strerror(errno);
     struct stat before {}, after {}, held_before {}, held {};
     bool existed = stat(holder.c_str(), &held_before) == 0;
     std::ifstream old_reader(existed && S_ISREG(held_before.st_mode) ? holder : "");
