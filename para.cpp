@@ -1,6 +1,7 @@
 // Parameter core: start-up profile, module handler table, lifecycle, the
 // worker thread "Para_Process" and its save sweep.
 #include "para_internal.h"
+#include "para_sys.h"
 
 #include <pthread.h>
 #include <sys/prctl.h>
@@ -415,40 +416,30 @@ bool line_sets(std::string_view line, std::string_view key)
            (line[key.size()] == ' ' || line[key.size()] == '=');
 }
 
-/* Closes a descriptor on every way out. */
-struct Fd {
-    int fd = -1;
-    ~Fd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
-bool read_all(int fd, std::string& out, const char* path)
+bool read_all(const char* fn, int fd, std::string& out, const char* path)
 {
     char buf[512];
     for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
+        ssize_t n = para::sys::calls.read(fd, buf, sizeof buf);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
-            PARA_LOG(PARA_ERR, "read %s: %s\n", path, strerror(errno));
+            PARA_LOG_FN(PARA_ERR, fn, "read %s: %s\n", path, strerror(errno));
             return false;
         }
         if (n == 0)
             return true;
         out.append(buf, static_cast<size_t>(n));
         if (out.size() > kConfFileMax) {
-            PARA_LOG(PARA_ERR, "%s longer than %zu characters, not changed\n", path, kConfFileMax);
+            PARA_LOG_FN(PARA_ERR, fn, "%s longer than %zu characters, not changed\n", path, kConfFileMax);
             return false;
         }
     }
 }
 
 /* The new content, or false when a line or the result breaks the limits. */
-bool replace_lines(const std::string& old, std::string_view key, std::string_view item,
-                   std::string& out, const char* path)
+bool replace_lines(const char* fn, const std::string& old, std::string_view key,
+                   std::string_view item, std::string& out, const char* path)
 {
     size_t pos = 0;
     while (pos < old.size()) {
@@ -457,7 +448,7 @@ bool replace_lines(const std::string& old, std::string_view key, std::string_vie
         std::string_view line(old.data() + pos, next - pos);
         pos = next;
         if (line.size() > kConfLineMax) {
-            PARA_LOG(PARA_ERR, "%s: line longer than %zu characters, not changed\n", path,
+            PARA_LOG_FN(PARA_ERR, fn, "%s: line longer than %zu characters, not changed\n", path,
                      kConfLineMax);
             return false;
         }
@@ -471,37 +462,10 @@ bool replace_lines(const std::string& old, std::string_view key, std::string_vie
         }
     }
     if (out.size() > kConfFileMax) {
-        PARA_LOG(PARA_ERR, "%s would grow past %zu characters, not changed\n", path, kConfFileMax);
+        PARA_LOG_FN(PARA_ERR, fn, "%s would grow past %zu characters, not changed\n", path, kConfFileMax);
         return false;
     }
     return true;
-}
-
-/* Opens and locks the file the path names now. A cooperating writer may
- * have renamed a new file into place while we waited for the lock on the
- * old one: then the lock guards nothing, so start again. Each new round
- * means another writer finished, so this cannot spin on its own. */
-bool open_locked(const std::string& target, Fd& fd, struct stat& st)
-{
-    for (;;) {
-        Fd f{open(target.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)};
-        if (f.fd < 0) {
-            PARA_LOG(PARA_ERR, "open %s: %s\n", target.c_str(), strerror(errno));
-            return false;
-        }
-        int r;
-        while ((r = flock(f.fd, LOCK_EX)) != 0 && errno == EINTR) {
-        }
-        struct stat now{};
-        if (r != 0 || fstat(f.fd, &st) != 0) {
-            PARA_LOG(PARA_ERR, "lock %s: %s\n", target.c_str(), strerror(errno));
-            return false;
-        }
-        if (stat(target.c_str(), &now) == 0 && now.st_ino == st.st_ino && now.st_dev == st.st_dev) {
-            std::swap(fd.fd, f.fd);
-            return true;
-        }
-    }
 }
 
 bool plain_text(const char* fn, const char* text, const char* what)
@@ -561,22 +525,23 @@ int update_conf(char* path, char* keyword, char* item)
         return -1;
     }
     /* Rename replaces a link by a file: work on what it points to. */
-    para::CharPtr real(realpath(path, nullptr));
-    if (!real) {
-        PARA_LOG(PARA_ERR, "%s: %s\n", path, strerror(errno));
+    std::string target;
+    if (!para::resolve_target(__func__, path, target))
+        return -1;
+    struct stat st{};
+    const char* step;
+    para::Fd fd{para::open_locked(target, O_RDWR, st, &step)};
+    if (fd.fd < 0) {
+        PARA_LOG(PARA_ERR, "%s %s: %s\n", step, target.c_str(), strerror(errno));
         return -1;
     }
-    std::string target = real.get();
-    Fd fd;
-    struct stat st{};
-    if (!open_locked(target, fd, st))
-        return -1;
     if (!S_ISREG(st.st_mode)) {
         PARA_LOG(PARA_ERR, "%s is not a regular file, not changed\n", path);
         return -1;
     }
     std::string old, updated;
-    if (!read_all(fd.fd, old, path) || !replace_lines(old, keyword, item, updated, path))
+    if (!read_all(__func__, fd.fd, old, path) ||
+        !replace_lines(__func__, old, keyword, item, updated, path))
         return -1;
     return para::durable_write(__func__, target.c_str(), updated.data(), updated.size(), true,
                                fd.fd) == 0

@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include <sys/stat.h>
+
 /* Every line of the library carries "[para <function> +<line>]" and its own
  * line feeds. The level test is repeated here so disabled lines cost no
  * formatting. A shared helper logs with PARA_LOG_FN and the name of the
@@ -170,11 +172,31 @@ int durable_unlink(const char* func, const char* path);
  * whole. True when path may be read now. */
 bool journal_replay(const char* func, const char* path);
 
-/* Test hook, not exported: counts the file-system calls of durable writes;
- * call number at (1-based) is replaced by SIGKILL (mode 1) or fails with
- * ENOSPC (mode 2). at 0 disarms. fs_calls() answers the count so far. */
-void durable_fault_arm(int at, int mode);
-int durable_fs_calls();
+/* Closes a descriptor on every way out. */
+struct Fd {
+    int fd = -1;
+    Fd() = default;
+    explicit Fd(int f) : fd(f) {}
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    ~Fd();
+    int release()
+    {
+        int f = fd;
+        fd = -1;
+        return f;
+    }
+};
+
+/* The file path finally names, following its symlinks (also a dangling one,
+ * whose target a write then creates); false, logged under func's name, for a
+ * loop. */
+bool resolve_target(const char* func, const char* path, std::string& out);
+
+/* Opens target with flags and holds an exclusive flock on the very file the
+ * name still names once the lock is taken; st describes it. -1 with errno
+ * and *step ("open" or "lock") naming what failed. */
+int open_locked(const std::string& target, int flags, struct stat& st, const char** step);
 
 /* Decimal text of v at the start of buf, terminated; returns its length. */
 int format_decimal(long long v, char (&buf)[24]);

@@ -52,8 +52,7 @@ void ensure_persist_dir(const char* fn, const OdmPaths& p)
 {
     if (access(p.dir, F_OK) == 0)
         return;
-    if (mkdir(p.dir, 0775) != 0)
-        PARA_LOG_FN(PARA_ERR, fn, "mkdir %s failed: %s\n", p.dir, strerror(errno));
+    para::durable_mkdir(fn, p.dir, 0775); // logs a failure itself
 }
 
 /* ---- value kinds ---------------------------------------------------- */
@@ -215,8 +214,10 @@ int para_init_odm(char* parse_name)
         return 0;
     if (access(p.old_file, F_OK) == 0) {
         ensure_persist_dir(__func__, p);
-        if (rename(p.old_file, p.file) != 0)
-            PARA_LOG(PARA_ERR, "moving %s to %s failed: %s\n", p.old_file, p.file, strerror(errno));
+        // Both directories are flushed: a power cut must not lose the store
+        // between its old and its new name.
+        if (para::durable_rename(__func__, p.old_file, p.file) != 0)
+            PARA_LOG(PARA_ERR, "moving %s to %s failed\n", p.old_file, p.file);
     }
     bool unreadable = false;
     para::CurLoad how = para::CurLoad::absent;

@@ -31,6 +31,12 @@ struct Table {
     int (*flock)(int fd, int op);
 };
 
+/* Every entry of the table, for code that wraps them all. */
+#define PARA_SYS_CALLS(X)                                                                  \
+    X(open) X(close) X(read) X(pwrite) X(fstat) X(stat) X(lstat) X(readlink) X(fsync)      \
+    X(ftruncate) X(fallocate) X(rename) X(unlink) X(mkdir) X(mkostemp) X(fchown) X(fchmod) \
+    X(flock)
+
 /* The table in use. Swapped only by tests, and only while no worker runs. */
 extern Table calls;
 

@@ -253,6 +253,7 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"hold", V(g_held = para_conf_get_member(a(v, 0), a(v, 1)))},
     {"held", [](Args&) { return s(g_held); }},
     E("rm", std::remove(v.at(0).c_str()))
+    {"age", [](Args& v) { timespec t[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}}; return out(utimensat(AT_FDCWD, a(v, 0), t, 0)); }},
     C(json_object_get_int, cJSON_GetObjectItem(pj(v), a(v, 1)))
     {"json_object_get_string", [](Args& v) { return s(json_object_get_string(cJSON_GetObjectItem(pj(v), a(v, 1)))); }},
     {"json_object_load_number", [](Args& v) { int x = 0; int r = json_object_load_number(pj(v), a(v, 1), &x); return std::to_string(r) + " " + std::to_string(x); }},

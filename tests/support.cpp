@@ -1,4 +1,5 @@
 #include "support.h"
+#include "para_sys.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -6,6 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -191,5 +195,38 @@ std::string compact(const std::string& json_text)
     para::CharPtr p(j ? cJSON_PrintUnformatted(j.get()) : nullptr);
     return p ? p.get() : "";
 }
+
+namespace {
+
+std::atomic<int> fs_count{0}, fs_at{0}, fs_err{0};
+
+template <typename F, F para::sys::Table::*M>
+struct Faulty;
+template <typename R, typename... A, R (*para::sys::Table::*M)(A...)>
+struct Faulty<R (*)(A...), M> {
+    static R call(A... a)
+    {
+        if (fs_count.fetch_add(1) + 1 == fs_at.load()) {
+            if (!fs_err.load())
+                raise(SIGKILL);
+            errno = fs_err.load();
+            return static_cast<R>(-1);
+        }
+        return (para::sys::defaults().*M)(a...);
+    }
+};
+
+} // namespace
+
+void fs_fault(int at, int err)
+{
+    fs_count = 0, fs_at = at, fs_err = err;
+#define TEST_FAULTY(name) \
+    para::sys::calls.name = Faulty<decltype(para::sys::calls.name), &para::sys::Table::name>::call;
+    PARA_SYS_CALLS(TEST_FAULTY)
+#undef TEST_FAULTY
+}
+
+int fs_calls() { return fs_count.load(); }
 
 } // namespace test

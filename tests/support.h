@@ -71,6 +71,12 @@ inline std::string tools_prefix() { return emulator_prefix() + PARA_BINARY_DIR +
 // "exit N" / "signal N" when the child ended otherwise (fn may _exit(N)).
 // The child's coverage counts are written before it ends.
 std::string in_child(const std::function<std::string()>& fn);
+
+// Faults in the library's file-system calls (its table of them) from now on:
+// call number at (1-based) kills the process (err 0) or fails with errno err;
+// at 0 only counts. fs_calls() answers the calls made since.
+void fs_fault(int at, int err);
+int fs_calls();
 // Compact form of a JSON text (parse + print unformatted), "" if not JSON.
 std::string compact(const std::string& json_text);
 

@@ -1,6 +1,7 @@
 // Settings survive crashes, power cuts, full disks and damaged files: every
 // file the library writes is replaced whole or not at all.
 #include "para_internal.h"
+#include "para_sys.h"
 #include "scenario.h"
 #include "support.h"
 
@@ -98,8 +99,8 @@ TEST_P(CrashPoints, EveryModuleKeepsAllOldOrAllNewValues)
         return test::in_child([&] {
             std::filesystem::remove_all(dir.rw());
             std::filesystem::copy(backup, dir.rw(), std::filesystem::copy_options::recursive);
-            start(dir), change_all(2), para::durable_fault_arm(at, mode), platformparam_save();
-            return std::to_string(para::durable_fs_calls());
+            start(dir), change_all(2), test::fs_fault(at, mode == 1 ? 0 : ENOSPC), platformparam_save();
+            return std::to_string(test::fs_calls());
         });
     };
     int calls = std::stoi(save(0, 0));
@@ -118,11 +119,17 @@ const CrashCase kCrashCases[] = {{"kill", false, 1}, {"enospc", false, 2}, {"kil
 DURABLE_SUITE(Sweep, CrashPoints, kCrashCases);
 
 std::string plain(const std::string& d) { return test::write_file(d + "/f", "old"), chmod((d + "/f").c_str(), 0640), d + "/f"; }
+/* The writer may not write the file's directory; the read-write directory
+ * it has (for the journal of an in-place rewrite), or none. */
 bool as_nobody(const std::string& d)
 {
-    return chmod((d + "/..").c_str(), 0755) == 0 && chown((d + "/f").c_str(), 65534, 65534) == 0 && setgid(65534) == 0 &&
-           setuid(65534) == 0;
+    static std::string rw;
+    rw = d + "/../journals";
+    para_profile.param_rwfile_dir = rw.data();
+    return mkdir(rw.c_str(), 0700) == 0 && chown(rw.c_str(), 65534, 65534) == 0 && chmod((d + "/..").c_str(), 0755) == 0 &&
+           chown((d + "/f").c_str(), 65534, 65534) == 0 && setgid(65534) == 0 && setuid(65534) == 0;
 }
+bool as_nobody_no_rw(const std::string& d) { return as_nobody(d) && !(para_profile.param_rwfile_dir = nullptr); }
 bool small_files(const std::string&)
 {
     rlimit r{2, RLIM_INFINITY};
@@ -153,6 +160,7 @@ const Target kTargets[] = {
     {"no_directory", [](const std::string& d) { return d + "/none/f"; }, nullptr, "none/f", nullptr, "not written (create): No such file"},
     // A writable file in a directory we may not write; then one we may not write either.
     {"rodir", plain, as_nobody, "f", "new", ""},
+    {"rodir_no_rw", plain, as_nobody_no_rw, "f", "old", "not written (no writable place for its journal): Permission denied; the previous file is kept"},
     {"rodir_rofile", [](const std::string& d) { return plain(d), chmod((d + "/f").c_str(), 0440), d + "/f"; }, as_nobody, "f", "old",
      "not written (open): Permission denied"},
     {"bindmount", [](const std::string& d) { return test::write_file(d + "/src", "old"), plain(d); },
@@ -199,8 +207,9 @@ TEST_P(Targets, ReplaceWhatThePathNamesOrRefuse)
     if (t.bytes && regular) {
         EXPECT_EQ(test::read_file(holder), t.bytes);
         EXPECT_EQ(held.st_mode & 07777, existed ? held_before.st_mode & 07777 : 0666u & ~mask);
-        if (old_reader.is_open())
+        if (old_reader.is_open()) {
             EXPECT_EQ(std::string(std::istreambuf_iterator<char>(old_reader), {}), t.replaced ? "old" : t.bytes);
+        }
     }
 }
 
@@ -223,15 +232,16 @@ TEST_P(Faults, OldFileStaysAndTheSaveIsRetried)
                   getrlimit(RLIMIT_FSIZE, &saved);
                   if (GetParam().limit)
                       setrlimit(RLIMIT_FSIZE, &small);
+                  if (!GetParam().limit) // the disk is full
+                      para::sys::calls.pwrite = [](int, const void*, size_t, off_t) -> ssize_t { return errno = ENOSPC, -1; };
                   for (int i = 0; i < 3; ++i) { // the sweep, then two back-off rounds
                       para::clock_offset_ns += 2000000000LL << i;
-                      para::durable_fault_arm(GetParam().limit ? 0 : 4, 2); // 4: the write itself
                       if (!para_need_save_video(nullptr) || para_save_video(nullptr) == 0 || para_need_save_video(nullptr))
                           return "round " + std::to_string(i);
                   }
                   if (test::read_file(path) != old || log.count("video_cur.json not written") != 3)
                       return "file changed or not logged: " + log.dump();
-                  setrlimit(RLIMIT_FSIZE, &saved), para::durable_fault_arm(0, 0); // room again
+                  setrlimit(RLIMIT_FSIZE, &saved), para::sys::calls = para::sys::defaults(); // room again
                   para::clock_offset_ns += 16000000000LL;
                   bool saved_now = para_need_save_video(nullptr) && para_save_video(nullptr) == 0;
                   return saved_now && test::compact(*test::read_file(path)).find("\"gop\":99") != std::string::npos ? "ok" : "not saved later";
