@@ -197,36 +197,29 @@ std::string compact(const std::string& json_text)
 }
 
 namespace {
-
-std::atomic<int> fs_count{0}, fs_at{0}, fs_err{0};
-
-template <typename F, F para::sys::Table::*M>
-struct Faulty;
-template <typename R, typename... A, R (*para::sys::Table::*M)(A...)>
-struct Faulty<R (*)(A...), M> {
-    static R call(A... a)
-    {
-        if (fs_count.fetch_add(1) + 1 == fs_at.load()) {
-            if (!fs_err.load())
-                raise(SIGKILL);
-            errno = fs_err.load();
-            return static_cast<R>(-1);
-        }
-        return (para::sys::defaults().*M)(a...);
-    }
-};
-
-} // namespace
-
-void fs_fault(int at, int err)
-{
-    fs_count = 0, fs_at = at, fs_err = err;
-#define TEST_FAULTY(name) \
-    para::sys::calls.name = Faulty<decltype(para::sys::calls.name), &para::sys::Table::name>::call;
-    PARA_SYS_CALLS(TEST_FAULTY)
-#undef TEST_FAULTY
+long long disk_room;
 }
 
-int fs_calls() { return fs_count.load(); }
+void full_disk(long long room)
+{
+    disk_room = room;
+    para::sys::calls.pwrite = [](int fd, const void* b, size_t n, off_t at) -> ssize_t {
+        struct stat st{};
+        fstat(fd, &st);
+        long long held = std::max<long long>(st.st_size, st.st_blocks * 512LL), more = std::max<long long>(0, at + static_cast<long long>(n) - held);
+        if (more > disk_room)
+            n = static_cast<size_t>(std::max<long long>(0, held + disk_room - at)), more = disk_room;
+        if (n == 0)
+            return errno = ENOSPC, -1;
+        disk_room -= more;
+        return para::sys::defaults().pwrite(fd, b, n, at);
+    };
+    para::sys::calls.fallocate = [](int fd, int mode, off_t at, off_t len) {
+        if (len > disk_room)
+            return errno = ENOSPC, -1;
+        disk_room -= len;
+        return para::sys::defaults().fallocate(fd, mode, at, len);
+    };
+}
 
 } // namespace test

@@ -72,11 +72,10 @@ inline std::string tools_prefix() { return emulator_prefix() + PARA_BINARY_DIR +
 // The child's coverage counts are written before it ends.
 std::string in_child(const std::function<std::string()>& fn);
 
-// Faults in the library's file-system calls (its table of them) from now on:
-// call number at (1-based) kills the process (err 0) or fails with errno err;
-// at 0 only counts. fs_calls() answers the calls made since.
-void fs_fault(int at, int err);
-int fs_calls();
+// From now on the disk has room for only room more bytes (the library's
+// table of calls): a write beyond what a file holds takes from it and stops
+// short when it is gone; fallocate fails past it.
+void full_disk(long long room);
 // Compact form of a JSON text (parse + print unformatted), "" if not JSON.
 std::string compact(const std::string& json_text);
 

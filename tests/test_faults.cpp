@@ -4,13 +4,12 @@
 // went wrong, must fall back to the defaults when the current file is bad,
 // and must never lose the values it holds in memory.
 #include "para_internal.h"
+#include "para_sys.h"
 #include "support.h"
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -88,19 +87,6 @@ const Persisted kModules[] = {
 };
 
 using test::in_child;
-
-/* Writes past limit bytes fail with EFBIG (no signal) while alive. */
-struct FileSizeLimit {
-    rlimit saved{};
-    sighandler_t old = signal(SIGXFSZ, SIG_IGN);
-    explicit FileSizeLimit(rlim_t limit)
-    {
-        getrlimit(RLIMIT_FSIZE, &saved);
-        rlimit r{limit, saved.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &r);
-    }
-    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &saved), signal(SIGXFSZ, old); }
-};
 
 /* A module and, for the cut test, every kShards-th cut from shard on (for
  * the storage test, a kind of fault). */
@@ -220,12 +206,11 @@ TEST_P(Storage, FailedSaveKeepsValuesForALaterSave)
         std::string state = (load(), m().change(kind >= 2), m().state()), out = state;
         test::LogCapture log(PARA_ERR);
         int r;
-        {
-            FileSizeLimit limit(kind == 2 ? 16 : RLIM_INFINITY);
-            para_profile.param_rwfile_dir = C(kind == 3 ? too_long.c_str() : rw.c_str());
-            r = m().save();
-            para_profile.param_rwfile_dir = C(rw.c_str());
-        }
+        if (kind == 2)
+            test::full_disk(0);
+        para_profile.param_rwfile_dir = C(kind == 3 ? too_long.c_str() : rw.c_str());
+        r = m().save();
+        para_profile.param_rwfile_dir = C(rw.c_str()), para::sys::calls = para::sys::defaults();
         out += log.contains(place) ? "" : " [no log naming " + place + "]";
         out += r == 0 && kind == 2 && m().save_reports_errors ? " [no error]" : "";
         out += m().state() == state ? "" : " [values changed]";
