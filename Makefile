@@ -28,7 +28,8 @@ PACKAGES := \
   chromium \
   chromium-driver \
   python3-selenium \
-  valgrind
+  valgrind \
+  ansible-core
 
 .PHONY: all deps configure build run test test-asan test-tsan bench clean deb deb-arm64 web coverage test-size
 

@@ -327,16 +327,29 @@ cJSON* describe_module(const module_para_handle_s& row)
 }
 
 // The request's own text: commands read their arguments from it.
-std::string request_string(const para_server_message_info* info, const char* key)
+/* A string of the request, or (id) its numeric msg_id as text. */
+std::string request_string(const para_server_message_info* info, const char* key, bool id = false)
 {
     char text[PARA_MESSAGE_BUF + 1];
     memcpy(text, info->buffer, PARA_MESSAGE_BUF);
     text[PARA_MESSAGE_BUF] = '\0';
     cJSON* req = cJSON_Parse(text);
     const cJSON* it = cJSON_GetObjectItem(req, key);
-    std::string s = cJSON_IsString(it) ? it->valuestring : "";
+    std::string s = cJSON_IsString(it) ? it->valuestring : id && cJSON_IsNumber(it) ? std::to_string(it->valueint) : "";
     cJSON_Delete(req);
     return s;
+}
+
+/* Command replies carry the request's msg_id, as the library's get and set
+ * replies do, so a client can tell a late reply from the one it waits for. */
+template <int (*Command)(int, para_server_message_info*, cJSON**)>
+int with_id(int type, para_server_message_info* info, cJSON** out)
+{
+    int r = Command(type, info, out);
+    std::string id = request_string(info, "msg_id", true);
+    if (*out && !id.empty())
+        cJSON_AddNumberToObject(*out, "msg_id", std::stoi(id));
+    return r;
 }
 
 cJSON* error_reply(const std::string& text)
@@ -399,10 +412,10 @@ int cmd_commands(int, para_server_message_info*, cJSON** out);
 
 // Registered before the library starts, so the first request finds them.
 param_handle_t kCommands[] = {
-    {"describe", cmd_describe, 0},
-    {"status", cmd_status, 0},
-    {"commands", cmd_commands, 0},
-    {"save", cmd_save, 0},
+    {"describe", with_id<cmd_describe>, 0},
+    {"status", with_id<cmd_status>, 0},
+    {"commands", with_id<cmd_commands>, 0},
+    {"save", with_id<cmd_save>, 0},
 };
 const char* const kCommandUse[] = {
     "getInfo describe [module=M]", "getInfo status", "getInfo commands", "setCommand save",
