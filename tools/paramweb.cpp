@@ -2,16 +2,24 @@
 // pages come from the mapping file's page entries; every read and write goes
 // to the library's port as the same form-field request ("msg_from":"www")
 // that the device's web server sends, and the form text of the reply fills
-// the form. A demonstration of that path on a trusted host, not a hardened
-// web server: no authentication, no TLS.
+// the form. Access: an admin password (a yescrypt hash in a file, as
+// /etc/shadow keeps them) and a session cookie; every state-changing request
+// carries the session's token from a page of the same origin, and the Host
+// header must name this server. Without a password file only a loopback
+// address is served. HTTPS when given a certificate and key.
 #include "para.h"
 
 #include <httplib.h>
 
+#include <crypt.h>
+
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <signal.h>
+#include <sys/random.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -19,7 +27,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iostream>
+#include <chrono>
 #include <map>
+#include <mutex>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -234,9 +245,264 @@ std::string hint(const Field& f)
     return h + (f.kind == "S" ? ", text" : "");
 }
 
-std::string index_page(const std::vector<Page>& pages)
+/* ---- what the camera says of its members (paramd's describe) ----------- */
+
+using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
+
+// A module's describe entry, or null where the host has no describe command.
+Json describe(const std::string& module)
 {
-    std::string body = "<h1>Camera settings</h1>\n<ul class=\"pages\">\n";
+    Json req(cJSON_CreateObject(), cJSON_Delete);
+    cJSON_AddStringToObject(req.get(), "msg_type", "getInfo");
+    cJSON_AddStringToObject(req.get(), "msg_name", "describe");
+    cJSON_AddStringToObject(req.get(), "module", module.c_str());
+    std::unique_ptr<char, void (*)(void*)> text(cJSON_PrintUnformatted(req.get()), std::free);
+    auto reply = ask(text.get());
+    Json out(reply ? cJSON_Parse(reply->c_str()) : nullptr, cJSON_Delete);
+    const char* named = cJSON_GetStringValue(cJSON_GetObjectItem(out.get(), "module"));
+    return named && module == named ? std::move(out) : Json(nullptr, cJSON_Delete);
+}
+
+struct Described {
+    std::map<std::string, Json> modules;
+    const cJSON* module(const std::string& name)
+    {
+        auto it = modules.find(name);
+        if (it == modules.end())
+            it = modules.emplace(name, describe(name)).first;
+        return it->second.get();
+    }
+    bool read_only(const std::string& name) { return cJSON_IsFalse(cJSON_GetObjectItem(module(name), "set")); }
+    const cJSON* member(const Field& f)
+    {
+        const cJSON* m;
+        cJSON_ArrayForEach(m, cJSON_GetObjectItem(module(f.module), "members"))
+        if (f.member == cJSON_GetStringValue(cJSON_GetObjectItem(m, "member")))
+            return m;
+        return nullptr;
+    }
+    // What the member accepts, as the camera describes it.
+    std::string accepted(const Field& f)
+    {
+        const cJSON* m = member(f);
+        const cJSON* names = cJSON_GetObjectItem(m, "names");
+        std::string out;
+        const cJSON* n;
+        cJSON_ArrayForEach(n, names)
+        out += (out.empty() ? "one of " : ", ") + std::string(cJSON_GetStringValue(n) ? n->valuestring : "?");
+        const cJSON *lo = cJSON_GetObjectItem(m, "min"), *hi = cJSON_GetObjectItem(m, "max");
+        if (out.empty() && cJSON_IsNumber(lo) && cJSON_IsNumber(hi))
+            out = std::to_string(static_cast<long long>(lo->valuedouble)) + " to " +
+                  std::to_string(static_cast<long long>(hi->valuedouble)) +
+                  (f.mark == "K" ? " (shown in thousands)" : f.mark == "P" ? " (shown from 1)" : "");
+        return out.empty() ? "refused by the camera" : "refused by the camera; it accepts " + out;
+    }
+};
+
+/* ---- access: password, sessions, origin --------------------------------- */
+
+std::string random_hex(size_t bytes)
+{
+    std::string raw(bytes, '\0'), out;
+    for (size_t got = 0; got < bytes;) {
+        ssize_t n = getrandom(raw.data() + got, bytes - got, 0);
+        if (n > 0)
+            got += static_cast<size_t>(n);
+    }
+    static const char digits[] = "0123456789abcdef";
+    for (unsigned char c : raw)
+        out += digits[c >> 4], out += digits[c & 15];
+    return out;
+}
+
+// Compares without an early exit, so the time taken tells nothing.
+bool same_secret(const std::string& a, const std::string& b)
+{
+    unsigned char diff = a.size() != b.size();
+    for (size_t i = 0; i < a.size() && i < b.size(); ++i)
+        diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return diff == 0;
+}
+
+bool password_matches(const std::string& hash, const std::string& password)
+{
+    crypt_data data{};
+    const char* got = crypt_r(password.c_str(), hash.c_str(), &data);
+    return got && got[0] != '*' && same_secret(got, hash);
+}
+
+// "paramweb passwd FILE": the admin password from the terminal (asked twice)
+// or the first line of standard input, stored as a yescrypt hash.
+int set_password(const char* file)
+{
+    bool tty = isatty(STDIN_FILENO);
+    termios saved{};
+    auto ask_line = [&](const char* prompt) {
+        std::string line;
+        if (tty) {
+            fprintf(stderr, "%s", prompt);
+            termios quiet = saved;
+            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+        }
+        std::getline(std::cin, line);
+        if (tty)
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved), fprintf(stderr, "\n");
+        return line;
+    };
+    if (tty)
+        tcgetattr(STDIN_FILENO, &saved);
+    std::string pw = ask_line("new admin password: ");
+    if (tty && ask_line("again: ") != pw)
+        return fprintf(stderr, "paramweb passwd: the two passwords differ\n"), 1;
+    if (pw.size() < 8)
+        return fprintf(stderr, "paramweb passwd: use at least 8 characters\n"), 1;
+    char salt[CRYPT_GENSALT_OUTPUT_SIZE];
+    crypt_data data{};
+    const char* hash = crypt_gensalt_rn("$y$", 0, nullptr, 0, salt, sizeof salt) ? crypt_r(pw.c_str(), salt, &data) : nullptr;
+    if (!hash || hash[0] == '*')
+        return fprintf(stderr, "paramweb passwd: hashing failed\n"), 1;
+    std::string tmp = std::string(file) + ".tmp";
+    FILE* out = fopen(tmp.c_str(), "w");
+    bool ok = out && fchmod(fileno(out), 0600) == 0 && fprintf(out, "admin:%s\n", hash) > 0;
+    ok = out && fclose(out) == 0 && ok && rename(tmp.c_str(), file) == 0;
+    if (!ok)
+        return fprintf(stderr, "paramweb passwd: cannot write %s: %s\n", file, strerror(errno)), unlink(tmp.c_str()), 1;
+    fprintf(stderr, "paramweb passwd: %s written\n", file);
+    return 0;
+}
+
+struct Session {
+    std::string token; // goes with every state-changing request
+    bool admin = false;
+    std::chrono::steady_clock::time_point used;
+};
+
+/* Sessions, failed logins and the names this server answers to. */
+struct Guard {
+    std::string hash;                  // empty: no password (loopback only)
+    std::vector<std::string> names;    // --host-name values
+    bool tls = false;
+    std::mutex mu;
+    std::map<std::string, Session> sessions;
+    struct Failures { int count = 0; std::chrono::steady_clock::time_point until; };
+    std::map<std::string, Failures> failures; // by client address
+
+    static constexpr size_t kMaxSessions = 256;
+    static constexpr auto kIdle = std::chrono::minutes(30);
+
+    // The session of the request's cookie, made (and the cookie set) when it
+    // has none; a copy, taken under the lock.
+    Session session(const httplib::Request& req, httplib::Response& res, std::string* id_out = nullptr)
+    {
+        std::string id = cookie(req);
+        auto now = std::chrono::steady_clock::now();
+        std::lock_guard<std::mutex> lock(mu);
+        auto it = sessions.find(id);
+        if (it == sessions.end() || now - it->second.used > kIdle) {
+            if (it != sessions.end())
+                sessions.erase(it);
+            if (sessions.size() >= kMaxSessions) { // the least recently used goes
+                auto oldest = sessions.begin();
+                for (auto s = sessions.begin(); s != sessions.end(); ++s)
+                    oldest = s->second.used < oldest->second.used ? s : oldest;
+                sessions.erase(oldest);
+            }
+            id = random_hex(32);
+            it = sessions.emplace(id, Session{random_hex(32), false, now}).first;
+            res.set_header("Set-Cookie", "paramweb=" + id + "; Path=/; HttpOnly; SameSite=Strict" +
+                                             (tls ? "; Secure" : ""));
+        }
+        it->second.used = now;
+        if (id_out)
+            *id_out = id;
+        return it->second;
+    }
+    static std::string cookie(const httplib::Request& req)
+    {
+        std::string c = req.get_header_value("Cookie");
+        size_t at = c.find("paramweb=");
+        while (at != std::string::npos && at > 0 && c[at - 1] != ' ' && c[at - 1] != ';')
+            at = c.find("paramweb=", at + 1);
+        return at == std::string::npos ? "" : c.substr(at + 9, c.find(';', at) - at - 9);
+    }
+    void set_admin(const std::string& id, bool admin)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        if (auto it = sessions.find(id); it != sessions.end())
+            it->second.admin = admin, it->second.token = random_hex(32); // a new token at each change
+    }
+    bool logged_in(const Session& s) const { return hash.empty() || s.admin; }
+
+    // Why this request may not go on, or "" when it may. Host: this server by
+    // an address or a configured name (a DNS-rebinding page carries its own
+    // name). Writes: Origin, else Referer, of this very server.
+    std::string refuse(const httplib::Request& req) const
+    {
+        std::string host = req.get_header_value("Host");
+        std::string name = host[0] == '[' ? host.substr(1, host.find(']') - 1) : host.substr(0, host.rfind(':'));
+        if (host.find(':') == std::string::npos || (host[0] == '[' && host.back() == ']'))
+            name = host[0] == '[' ? host.substr(1, host.size() - 2) : host;
+        in6_addr any{};
+        bool address = inet_pton(AF_INET, name.c_str(), &any) == 1 || inet_pton(AF_INET6, name.c_str(), &any) == 1;
+        bool named = name == "localhost";
+        for (const std::string& n : names)
+            named = named || n == name;
+        if (host.empty() || !(address || named))
+            return "Host '" + host + "' is not a name of this server (see --host-name)";
+        if (req.method != "POST")
+            return "";
+        std::string self = std::string(tls ? "https://" : "http://") + host;
+        std::string origin = req.get_header_value("Origin"), referer = req.get_header_value("Referer");
+        if (!origin.empty() && origin != "null")
+            return origin == self ? "" : "a form from another site (Origin " + origin + ")";
+        if (referer.empty())
+            return "a form without Origin or Referer";
+        return referer.compare(0, self.size() + 1, self + "/") == 0 ? "" : "a form from another site (Referer " + referer + ")";
+    }
+
+    // Failed logins from one address wait longer each time: none for the
+    // first three, then 5 s doubling up to 5 min. Seconds still to wait.
+    long wait_s(const std::string& addr)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        auto left = failures[addr].until - std::chrono::steady_clock::now();
+        return left.count() > 0 ? static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(left).count()) + 1 : 0;
+    }
+    void failed(const std::string& addr)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        if (failures.size() > 4096)
+            failures.clear();
+        Failures& f = failures[addr];
+        if (++f.count > 3)
+            f.until = std::chrono::steady_clock::now() + std::chrono::seconds(std::min(300, 5 << std::min(f.count - 4, 6)));
+    }
+    void succeeded(const std::string& addr)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        failures.erase(addr);
+    }
+};
+
+/* ---- pages --------------------------------------------------------------- */
+
+const char kHtml[] = "text/html; charset=utf-8";
+
+std::string token_input(const Session& s)
+{
+    return "<input type=\"hidden\" name=\"_token\" value=\"" + s.token + "\">";
+}
+
+std::string logout_form(const Guard& g, const Session& s)
+{
+    return g.hash.empty() ? "" : "<form class=\"logout\" method=\"post\" action=\"/logout\">" + token_input(s) +
+                                     "<button type=\"submit\">Log out</button></form>\n";
+}
+
+std::string index_page(const std::vector<Page>& pages, const Guard& g, const Session& s)
+{
+    std::string body = logout_form(g, s) + "<h1>Camera settings</h1>\n<ul class=\"pages\">\n";
     for (const Page& p : pages) {
         std::string modules;
         for (const std::string& m : p.modules)
@@ -247,23 +513,45 @@ std::string index_page(const std::vector<Page>& pages)
     return layout("Camera settings", body + "</ul>\n");
 }
 
-// shown: what the form holds; notes: a message per field; status: the reply
-// or error line above the form.
-std::string form_page(const Page& page, const Form& shown, const Form& notes, const std::string& status,
-                      bool failed)
+std::string login_page(const Session& s, const std::string& status)
 {
-    std::string body = "<p><a href=\"/\">all pages</a></p>\n<h1>" + html(page.name) + "</h1>\n";
+    return layout("Log in", "<h1>Log in</h1>\n" +
+                                (status.empty() ? "" : "<p id=\"status\" class=\"error\">" + html(status) + "</p>\n") +
+                                "<form method=\"post\" action=\"/login\">" + token_input(s) +
+                                "<label><span>admin password</span><input type=\"password\" name=\"password\" "
+                                "autocomplete=\"current-password\" autofocus></label>\n"
+                                "<button type=\"submit\">Log in</button></form>\n");
+}
+
+/* What a form shows: per field the text in the input, the camera's value when
+ * the page was shown (a hidden twin, so that a save writes only what the user
+ * changed and notices what the camera changed meanwhile), and a note. */
+struct Shown {
+    Form typed, device, notes;
+};
+
+std::string form_page(const Page& page, const Shown& v, const std::string& status, bool failed,
+                      Described& d, const Guard& g, const Session& s)
+{
+    std::string body = logout_form(g, s) + "<p><a href=\"/\">all pages</a></p>\n<h1>" + html(page.name) + "</h1>\n";
     if (!status.empty())
         body += std::string("<p id=\"status\" class=\"") + (failed ? "error" : "ok") + "\">" + html(status) +
                 "</p>\n";
-    body += "<form method=\"post\" action=\"/page/" + html(page.name) + "\">\n";
+    body += "<form method=\"post\" action=\"/page/" + html(page.name) + "\">" + token_input(s) + "\n";
+    std::map<std::string, int> writes; // fields that write several members
+    for (const Field& f : page.fields)
+        ++writes[f.name];
     for (const Field& f : page.fields) {
-        const auto value = shown.find(f.name);
-        const auto note = notes.find(f.name);
+        const auto typed = v.typed.find(f.name), device = v.device.find(f.name);
+        const auto note = v.notes.find(f.name);
+        bool known = typed != v.typed.end(), read_only = d.read_only(f.module);
         body += "<label><span>" + html(f.name) + "</span><input name=\"" + html(f.name) + "\" value=\"" +
-                html(value == shown.end() ? "" : value->second) + "\"" +
-                (value == shown.end() ? " disabled" : "") + "><small>" + html(hint(f)) + "</small>";
-        if (note != notes.end())
+                html(known ? typed->second : "") + "\"" + (known && !read_only ? "" : " disabled") + ">";
+        if (device != v.device.end())
+            body += "<input type=\"hidden\" name=\"shown:" + html(f.name) + "\" value=\"" + html(device->second) + "\">";
+        body += "<small>" + html(hint(f)) + (read_only ? "; read only: the camera takes no writes to " + html(f.module) : "") +
+                "</small>";
+        if (note != v.notes.end())
             body += "<em class=\"error\">" + html(note->second) + "</em>";
         body += "</label>\n";
     }
@@ -271,103 +559,192 @@ std::string form_page(const Page& page, const Form& shown, const Form& notes, co
     return layout(page.name, body);
 }
 
-void show_page(const Page& page, httplib::Response& res, const std::string& status = "", bool failed = false,
-               const Form& notes = {})
+void show_page(const Page& page, httplib::Response& res, const Guard& g, const Session& s,
+               const std::string& status = "", bool failed = false, Shown v = {})
 {
+    Described d;
     Form values;
     std::string error;
     if (!read_page(page, values, error)) {
         res.status = 502;
-        res.set_content(form_page(page, {}, {}, error, true), "text/html; charset=utf-8");
+        res.set_content(form_page(page, {}, error, true, d, g, s), kHtml);
         return;
     }
-    res.set_content(form_page(page, values, notes, status, failed), "text/html; charset=utf-8");
+    for (auto& [name, value] : values) // what the user typed stays where it was refused
+        v.typed.emplace(name, value), v.device[name] = value;
+    res.set_content(form_page(page, v, status, failed, d, g, s), kHtml);
 }
 
-// A submit writes only what differs from the library's current form text:
-// the text is lossy ("K" shows 512 as 0.5), so writing back an unchanged
-// field would store something else. The page's script already leaves
-// unchanged fields out; this covers a browser without it.
-void save_page(const Page& page, const httplib::Request& req, httplib::Response& res)
+// Whether the camera's form text now says what was sent ("3.50" and "3.5"
+// are the same number).
+bool holds(const Field& f, const std::string& now, const std::string& sent)
 {
-    Form now, notes;
-    std::string error;
+    if (now == sent || f.kind == "S")
+        return now == sent;
+    char *a = nullptr, *b = nullptr;
+    double x = std::strtod(now.c_str(), &a), y = std::strtod(sent.c_str(), &b);
+    return *a == '\0' && *b == '\0' && x == y;
+}
+
+/* A save writes only the fields the user changed (the typed text differs from
+ * the camera's value when the page was shown): the form text is lossy ("K"
+ * shows 512 as 0.5), so an untouched field written back would store something
+ * else. A field the camera changed since the page was shown is not written
+ * over. After the write the page is read back: a field whose value did not
+ * take is marked with what the camera accepts, and the status says so. */
+void save_page(const Page& page, const httplib::Request& req, httplib::Response& res, const Guard& g,
+               const Session& s)
+{
+    Form now;
+    std::string error, data;
     if (!read_page(page, now, error))
-        return show_page(page, res);
-    std::string data;
-    Form typed = now;
+        return show_page(page, res, g, s);
+    Described d;
+    Shown v;
+    std::vector<std::pair<const Field*, std::string>> sent;
     for (const Field& f : page.fields) {
-        if (!req.has_param(f.name.c_str()))
+        if (!req.has_param(f.name.c_str()) || !now.count(f.name))
             continue;
         const std::string value = req.get_param_value(f.name.c_str());
-        const auto current = now.find(f.name);
-        if (current != now.end() && current->second == value)
+        const std::string shown = req.has_param(("shown:" + f.name).c_str())
+                                      ? req.get_param_value(("shown:" + f.name).c_str()) : now[f.name];
+        if (value == shown)
             continue;
-        typed[f.name] = value;
-        if (std::string why = refusal(f, value); !why.empty()) {
+        v.typed[f.name] = value, v.device[f.name] = shown;
+        std::string why = d.read_only(f.module) ? "read only: the camera takes no writes to " + f.module
+                          : now[f.name] != shown ? "changed on the camera since the page was shown (now " + now[f.name] +
+                                                       "): not written; reload to see it"
+                                                 : refusal(f, value);
+        if (!why.empty()) {
             fprintf(stderr, "paramweb: page %s: %s refused, nothing sent: %s\n", page.name.c_str(),
                     f.name.c_str(), why.c_str());
-            notes[f.name] = why;
-        }
-        else
+            v.notes[f.name] = why;
+        } else {
             data += (data.empty() ? "" : "&") + f.name + "=" + value;
+            sent.emplace_back(&f, value);
+        }
     }
-    if (!notes.empty()) {
+    if (!v.notes.empty()) {
         res.status = 400;
-        res.set_content(form_page(page, typed, notes, "nothing saved: correct the marked fields", true),
-                        "text/html; charset=utf-8");
+        v.device = now; // the page now shows what the camera holds as its starting point
+        for (auto& [name, value] : now)
+            v.typed.emplace(name, value);
+        res.set_content(form_page(page, v, "nothing saved: correct the marked fields", true, d, g, s), kHtml);
         return;
     }
     if (data.empty())
-        return show_page(page, res, "nothing changed, nothing sent");
+        return show_page(page, res, g, s, "nothing changed, nothing sent");
     const std::string request = www_request("set", page.name, &data);
     if (request.size() > request_max)
-        return show_page(page, res, "nothing saved: the changes do not fit in one request", true);
-    const auto reply = ask(request);
-    if (!reply) {
+        return show_page(page, res, g, s, "nothing saved: the changes do not fit in one request", true);
+    if (!ask(request)) {
         fprintf(stderr, "paramweb: page %s: no reply to the write\n", page.name.c_str());
-        return show_page(page, res, "no reply from the parameter server", true);
+        return show_page(page, res, g, s, "no reply from the parameter server", true);
     }
-    show_page(page, res, *reply, *reply != "result=success");
+    Form after;
+    if (!read_page(page, after, error))
+        return show_page(page, res, g, s, "written, but the page cannot be read back: " + error, true);
+    std::string saved, refused;
+    Shown back;
+    for (auto& [f, value] : sent) {
+        if (holds(*f, after[f->name], value)) {
+            saved += (saved.empty() ? "" : ", ") + f->name;
+            continue;
+        }
+        refused += (refused.empty() ? "" : ", ") + f->name;
+        back.typed[f->name] = value; // kept as a change, for the user to correct
+        back.notes[f->name] = d.accepted(*f) + " (it holds " + after[f->name] + ")";
+    }
+    if (refused.empty())
+        return show_page(page, res, g, s, "saved: " + saved);
+    fprintf(stderr, "paramweb: page %s: the camera refused %s\n", page.name.c_str(), refused.c_str());
+    res.status = 422;
+    show_page(page, res, g, s, "not saved: " + refused + (saved.empty() ? "" : "; saved: " + saved), true, back);
 }
 
 void usage(FILE* out)
 {
     fprintf(out,
-            "usage: paramweb [--listen ADDR:PORT] [--map FILE]\n"
+            "usage: paramweb [--listen ADDR:PORT] [--map FILE] [--password-file FILE]\n"
+            "                [--cert FILE --key FILE] [--host-name NAME]...\n"
+            "       paramweb passwd FILE\n"
             "\n"
             "Serves the settings pages of the mapping file and reads and writes them through\n"
             "the library's web-form requests on UDP 127.0.0.1:%d.\n"
             "\n"
-            "  -l, --listen ADDR:PORT  HTTP address (default 127.0.0.1:8080)\n"
-            "  -m, --map FILE          mapping file (default examples/device/www2json.json)\n"
-            "  -h, --help              this text\n",
+            "  -l, --listen ADDR:PORT   HTTP address (default 127.0.0.1:8080; IPv6 as [::]:8080)\n"
+            "  -m, --map FILE           mapping file (default examples/device/www2json.json)\n"
+            "  -P, --password-file FILE the admin password (made by 'paramweb passwd FILE');\n"
+            "                           required unless ADDR is a loopback address\n"
+            "  -c, --cert FILE          serve HTTPS with this certificate (PEM) ...\n"
+            "  -k, --key FILE           ... and this private key (PEM)\n"
+            "  -n, --host-name NAME     a name the browser may use for this server besides\n"
+            "                           its addresses and localhost (repeatable)\n"
+            "  -h, --help               this text\n"
+            "\n"
+            "  passwd FILE              set the admin password: asked twice on a terminal,\n"
+            "                           else the first line of standard input\n",
             PARA_SERVER_PORT);
+}
+
+bool loopback(const std::string& host)
+{
+    in_addr a4{};
+    return host == "localhost" || host == "::1" ||
+           (inet_pton(AF_INET, host.c_str(), &a4) == 1 && (ntohl(a4.s_addr) >> 24) == 127);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::string listen = "127.0.0.1:8080";
-    std::string map = "examples/device/www2json.json";
+    if (argc == 3 && std::string(argv[1]) == "passwd")
+        return set_password(argv[2]);
+    std::string listen = "127.0.0.1:8080", map = "examples/device/www2json.json", password_file, cert, key;
+    Guard guard;
     static const option opts[] = {{"listen", required_argument, nullptr, 'l'},
                                   {"map", required_argument, nullptr, 'm'},
+                                  {"password-file", required_argument, nullptr, 'P'},
+                                  {"cert", required_argument, nullptr, 'c'},
+                                  {"key", required_argument, nullptr, 'k'},
+                                  {"host-name", required_argument, nullptr, 'n'},
                                   {"help", no_argument, nullptr, 'h'},
                                   {nullptr, 0, nullptr, 0}};
-    for (int c; (c = getopt_long(argc, argv, "l:m:h", opts, nullptr)) != -1;) {
-        if (c == 'l')
-            listen = optarg;
-        else if (c == 'm')
-            map = optarg;
-        else
-            return usage(c == 'h' ? stdout : stderr), c == 'h' ? 0 : 2;
+    for (int c; (c = getopt_long(argc, argv, "l:m:P:c:k:n:h", opts, nullptr)) != -1;) {
+        switch (c) {
+        case 'l': listen = optarg; break;
+        case 'm': map = optarg; break;
+        case 'P': password_file = optarg; break;
+        case 'c': cert = optarg; break;
+        case 'k': key = optarg; break;
+        case 'n': guard.names.push_back(optarg); break;
+        default: return usage(c == 'h' ? stdout : stderr), c == 'h' ? 0 : 2;
+        }
     }
     const size_t colon = listen.rfind(':');
     const int port = colon == std::string::npos ? 0 : std::atoi(listen.c_str() + colon + 1);
-    if (optind != argc || port <= 0 || port > 65535) {
+    std::string host = colon == std::string::npos ? "" : listen.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    if (optind != argc || port <= 0 || port > 65535 || host.empty() || cert.empty() != key.empty()) {
         usage(stderr);
         return 2;
+    }
+    if (!password_file.empty()) {
+        std::ifstream in(password_file);
+        std::string line;
+        std::getline(in, line);
+        if (line.compare(0, 6, "admin:") == 0)
+            guard.hash = line.substr(6);
+        if (guard.hash.empty() || guard.hash[0] != '$') {
+            fprintf(stderr, "paramweb: %s holds no password (make it with: paramweb passwd %s)\n",
+                    password_file.c_str(), password_file.c_str());
+            return 1;
+        }
+    } else if (!loopback(host)) {
+        fprintf(stderr, "paramweb: %s is not a loopback address: give --password-file (paramweb passwd FILE "
+                        "makes one)\n", host.c_str());
+        return 1;
     }
     const auto pages = load_pages(map);
     if (!pages) {
@@ -375,9 +752,108 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    httplib::Server web;
-    web.Get("/", [&](const httplib::Request&, httplib::Response& res) {
-        res.set_content(index_page(*pages), "text/html; charset=utf-8");
+    guard.tls = !cert.empty();
+    std::unique_ptr<httplib::Server> server;
+    if (guard.tls) {
+        auto tls = std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str());
+        if (!tls->is_valid()) {
+            fprintf(stderr, "paramweb: cannot use certificate %s with key %s\n", cert.c_str(), key.c_str());
+            return 1;
+        }
+        server = std::move(tls);
+    } else {
+        server = std::make_unique<httplib::Server>();
+    }
+    httplib::Server& web = *server;
+
+    // Bounds: a body of at most 16 KiB (whatever the path or encoding), 5 s
+    // without a byte ends a connection, and enough workers that a handful of
+    // slow clients cannot take them all.
+    web.set_payload_max_length(16 * 1024);
+    web.set_read_timeout(5, 0);
+    web.set_write_timeout(5, 0);
+    web.set_keep_alive_max_count(20);
+    web.new_task_queue = [] { return new httplib::ThreadPool(64); };
+
+    web.set_pre_routing_handler([&](const httplib::Request& req, httplib::Response& res) {
+        res.set_header("X-Frame-Options", "DENY");
+        res.set_header("Content-Security-Policy", "default-src 'none'; style-src 'self'; script-src 'self'; "
+                                                  "img-src 'self'; form-action 'self'; frame-ancestors 'none'; base-uri 'none'");
+        res.set_header("X-Content-Type-Options", "nosniff");
+        res.set_header("Referrer-Policy", "same-origin");
+        res.set_header("Cache-Control", "no-store");
+        // The body cap counts only bodies of a stated length: a browser never
+        // sends a form in chunks, so a chunked body is not read at all.
+        if (req.has_header("Transfer-Encoding")) {
+            res.status = 411;
+            res.set_content("refused: send the body with a Content-Length\n", "text/plain");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (std::string why = guard.refuse(req); !why.empty()) {
+            fprintf(stderr, "paramweb: %s %s refused: %s\n", req.method.c_str(), req.path.c_str(), why.c_str());
+            res.status = 403;
+            res.set_content("refused: " + why + "\n", "text/plain");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (req.path.compare(0, 8, "/static/") == 0 || req.path == "/login")
+            return httplib::Server::HandlerResponse::Unhandled;
+        Session s = guard.session(req, res);
+        if (guard.logged_in(s))
+            return httplib::Server::HandlerResponse::Unhandled;
+        if (req.method == "GET") {
+            res.status = 303;
+            res.set_header("Location", "/login");
+        } else {
+            res.status = 403;
+            res.set_content("refused: log in first\n", "text/plain");
+        }
+        return httplib::Server::HandlerResponse::Handled;
+    });
+    // A write also carries the token of its session.
+    auto token_ok = [&](const httplib::Request& req, httplib::Response& res, Session& s, std::string* id = nullptr) {
+        s = guard.session(req, res, id);
+        if (same_secret(req.get_param_value("_token"), s.token))
+            return true;
+        fprintf(stderr, "paramweb: POST %s refused: no valid token\n", req.path.c_str());
+        res.status = 403;
+        res.set_content("refused: the form is stale or from elsewhere (no valid token); reload the page\n", "text/plain");
+        return false;
+    };
+
+    web.Get("/login", [&](const httplib::Request& req, httplib::Response& res) {
+        res.set_content(login_page(guard.session(req, res), ""), kHtml);
+    });
+    web.Post("/login", [&](const httplib::Request& req, httplib::Response& res) {
+        Session s;
+        std::string id;
+        if (!token_ok(req, res, s, &id))
+            return;
+        if (long wait = guard.wait_s(req.remote_addr); wait > 0) {
+            res.status = 429;
+            return res.set_content(login_page(s, "too many failed logins: try again in " + std::to_string(wait) + " s"), kHtml);
+        }
+        if (guard.hash.empty() || !password_matches(guard.hash, req.get_param_value("password"))) {
+            guard.failed(req.remote_addr);
+            fprintf(stderr, "paramweb: failed login from %s\n", req.remote_addr.c_str());
+            res.status = 403;
+            return res.set_content(login_page(s, "wrong password"), kHtml);
+        }
+        guard.succeeded(req.remote_addr);
+        guard.set_admin(id, true);
+        res.status = 303;
+        res.set_header("Location", "/");
+    });
+    web.Post("/logout", [&](const httplib::Request& req, httplib::Response& res) {
+        Session s;
+        std::string id;
+        if (!token_ok(req, res, s, &id))
+            return;
+        guard.set_admin(id, false);
+        res.status = 303;
+        res.set_header("Location", "/login");
+    });
+    web.Get("/", [&](const httplib::Request& req, httplib::Response& res) {
+        res.set_content(index_page(*pages, guard, guard.session(req, res)), kHtml);
     });
     web.Get(R"(/static/([a-z.]+))", [](const httplib::Request& req, httplib::Response& res) {
         const std::string name = req.matches[1];
@@ -392,14 +868,17 @@ int main(int argc, char** argv)
                 if (p.name == req.matches[1])
                     return handle(p, req, res);
             res.status = 404;
-            res.set_content(layout("not found", "<p>No such page. <a href=\"/\">All pages</a></p>\n"),
-                            "text/html; charset=utf-8");
+            res.set_content(layout("not found", "<p>No such page. <a href=\"/\">All pages</a></p>\n"), kHtml);
         };
     };
-    web.Get(R"(/page/([^/]+))", with_page([](const Page& p, const httplib::Request&, httplib::Response& res) {
-                show_page(p, res);
+    web.Get(R"(/page/([^/]+))", with_page([&](const Page& p, const httplib::Request& req, httplib::Response& res) {
+                show_page(p, res, guard, guard.session(req, res));
             }));
-    web.Post(R"(/page/([^/]+))", with_page(save_page));
+    web.Post(R"(/page/([^/]+))", with_page([&](const Page& p, const httplib::Request& req, httplib::Response& res) {
+                 Session s;
+                 if (token_ok(req, res, s))
+                     save_page(p, req, res, guard, s);
+             }));
 
     // Stop on SIGINT/SIGTERM from a thread of its own: the server's stop is
     // not meant for a signal handler.
@@ -408,6 +887,7 @@ int main(int argc, char** argv)
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     signal(SIGINT, SIG_DFL);
+    signal(SIGPIPE, SIG_IGN);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     std::thread([&] {
         int sig;
@@ -421,13 +901,13 @@ int main(int argc, char** argv)
         int yes = 1;
         setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     });
-    const std::string host = listen.substr(0, colon);
     if (!web.bind_to_port(host.c_str(), port)) {
         fprintf(stderr, "paramweb: cannot listen on %s\n", listen.c_str());
         return 1;
     }
-    printf("paramweb: settings pages on http://%s/ (mapping %s, parameter server 127.0.0.1:%d)\n",
-           listen.c_str(), map.c_str(), PARA_SERVER_PORT);
+    printf("paramweb: settings pages on %s://%s/ (mapping %s, parameter server 127.0.0.1:%d%s)\n",
+           guard.tls ? "https" : "http", listen.c_str(), map.c_str(), PARA_SERVER_PORT,
+           guard.hash.empty() ? ", no password: loopback only" : ", admin password required");
     fflush(stdout);
     web.listen_after_bind();
     return 0;
