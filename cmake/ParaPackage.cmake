@@ -42,6 +42,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME para-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 # procps: /bin/kill of the unit's reload.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libpara${PROJECT_VERSION_MAJOR} (= ${full_version}), libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, procps")
+if(TARGET paramweb) # its HTTP library and the password hashing (yescrypt)
+  string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", libcpp-httplib0.11, libcrypt1 (>= 1:4.1.0)")
+endif()
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "parameter server and client of the network camera
  paramd serves parameter files on UDP port 6800 (with a systemd unit);
  paramctl reads and writes settings through the port.")
