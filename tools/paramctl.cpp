@@ -210,6 +210,12 @@ bool flag_of(const cJSON* desc, const char* key)
     return cJSON_IsTrue(cJSON_GetObjectItem(desc, key));
 }
 
+bool is_store(const cJSON* desc, const char* store)
+{
+    const cJSON* s = cJSON_GetObjectItem(desc, "store");
+    return cJSON_IsString(s) && strcmp(s->valuestring, store) == 0;
+}
+
 // The JSON type a value travels in: .conf stores and named members take
 // text only. Without a description the member's current value decides.
 cJSON* typed_item(const char* v, const cJSON* desc, const cJSON* mdesc, const cJSON* current)
@@ -332,6 +338,16 @@ int write_module(const Options& o, const std::string& module, const Assignments&
             return error(module + ": takes no request writes");
         if (post && !flag_of(desc.get(), "post"))
             return error(module + ": takes no post writes (use set)");
+        // A request key that begins with a member's name writes that member,
+        // so a misspelt name would change a value and then be reported
+        // missing: names are checked first. A .conf store takes new keys.
+        if (!is_store(desc.get(), "conf")) {
+            for (const auto& v : values)
+                if (!member_of(desc.get(), v.first.c_str()))
+                    st = error(module + "." + v.first + ": no such member (nothing written)");
+            if (st != kOk)
+                return st;
+        }
         break;
     case Described::no_command:
         desc.reset();
@@ -618,7 +634,7 @@ int cmd_show(const Options& o, int argc, char** argv)
     }
     int status = kOk;
     for (const std::string& m : modules) {
-        Json reply;
+        Json reply, desc;
         const cJSON* values = nullptr;
         if ((st = read_module(o, m, {}, &reply, &values)) != kOk) {
             if (st == kNoReply)
@@ -626,8 +642,23 @@ int cmd_show(const Options& o, int argc, char** argv)
             status = st;
             continue;
         }
+        // What import could not write back is shown as a comment, so that
+        // "show > file; import file" restores every value without an error.
+        bool described = describe(o, m.c_str(), &desc, &st) == Described::yes && !err_of(desc.get());
+        bool read_only = described && !flag_of(desc.get(), "set");
+        std::vector<std::string> names;
         for (const cJSON* v = values->child; v; v = v->next)
-            printf("%s.%s=%s\n", m.c_str(), v->string, printed(v, true).c_str());
+            names.push_back(v->string);
+        Json by_name_reply;
+        const cJSON* by_name = nullptr;
+        if (read_module(o, m, names, &by_name_reply, &by_name) == kNoReply)
+            return kNoReply;
+        for (const cJSON* v = values->child; v; v = v->next) {
+            const char* why = read_only ? "  (read only: the module takes no request writes)"
+                              : !cJSON_GetObjectItemCaseSensitive(by_name, v->string)
+                                  ? "  (in reads of all members only; not writable by name)" : nullptr;
+            printf("%s%s.%s=%s%s\n", why ? "# " : "", m.c_str(), v->string, printed(v, true).c_str(), why ? why : "");
+        }
     }
     return status;
 }
