@@ -36,6 +36,7 @@ has para-tools '/usr/share/para/device/www2json\.json$'
 tools_deb=$(ls "$work/out/para-tools_"*.deb)
 dpkg-deb -f "$tools_deb" Depends | grep -q 'libpara1 (= ' || fail "para-tools does not depend on libpara1"
 dpkg-deb -I "$tools_deb" conffiles | grep -qx /etc/default/paramd || fail "/etc/default/paramd is no conffile"
+grep -q '^PARAMD_OPTS=.*--conf-save' "$root/etc/default/paramd" || fail "the packaged service would not save .conf modules"
 
 # Run paths: the unpacked tools find their libraries beside them.
 "$root/usr/bin/paramctl" --help >"$work/help" || fail "installed paramctl --help"
@@ -49,6 +50,9 @@ if command -v systemd-analyze >/dev/null 2>&1; then
     sed -e "s|/usr/bin/paramd|$root/usr/bin/paramd|" -e "s|/etc/default/|$root/etc/default/|" \
         "$unit" >"$work/unit/paramd.service"
     systemd-analyze verify --man=no "$work/unit/paramd.service" || fail "systemd-analyze verify paramd.service"
+    # The sandbox keeps the exposure low (0 best, 10 worst).
+    score=$(systemd-analyze security --offline=true "$work/unit/paramd.service" 2>/dev/null | sed -n 's/.*Overall exposure level for paramd.service: \([0-9.]*\).*/\1/p')
+    [ -n "$score" ] && awk "BEGIN { exit !($score <= 4.0) }" || fail "systemd-analyze security exposure '$score' over 4.0"
 else
     echo "systemd-analyze not found: unit not verified"
 fi

@@ -432,18 +432,19 @@ int cmd_commands(int, para_server_message_info*, cJSON** out)
 
 // The library keeps running without its port (and only logs it); a user who
 // starts a second paramd wants to be told instead.
-bool port_free(in_addr_t addr, int port)
+// 0 when the port can be bound at addr, else the errno of the attempt.
+int port_free(in_addr_t addr, int port)
 {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (fd < 0)
-        return true;
+        return 0;
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
     a.sin_addr.s_addr = addr;
-    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    int err = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? 0 : errno;
     close(fd);
-    return ok;
+    return err;
 }
 
 // A bind address by number or by name, as dotted text ("" for none).
@@ -536,8 +537,13 @@ int main(int argc, char** argv)
         fprintf(stderr, "paramd: --bind: '%s' is no IPv4 address or known host name\n", bind_name.c_str());
         return 1;
     }
-    if (!port_free(bind_addr, PARA_SERVER_PORT)) {
+    if (int err = port_free(bind_addr, PARA_SERVER_PORT); err == EADDRINUSE) {
         fprintf(stderr, "paramd: UDP port %d is in use (is another paramd running?)\n", PARA_SERVER_PORT);
+        return 1;
+    } else if (err) {
+        fprintf(stderr, "paramd: cannot serve UDP port %d on %s: %s%s\n", PARA_SERVER_PORT,
+                served.bind.empty() ? "every address" : served.bind.c_str(), strerror(err),
+                err == EADDRNOTAVAIL ? " (no interface of this machine has that address)" : "");
         return 1;
     }
     if (para_server_bind_address(served.bind.c_str()) != 0) {
@@ -560,6 +566,9 @@ int main(int argc, char** argv)
     para_profile.conf_save = conf_save;
     install_callbacks();
 
+    // A reader of standard output that goes away (paramd | head) must not end
+    // paramd before its stop saves: its writes fail instead.
+    signal(SIGPIPE, SIG_IGN);
     // Block the signals before the worker starts so only sigwait sees them.
     sigset_t set;
     sigemptyset(&set);
