@@ -27,10 +27,12 @@ if not (CHROMIUM and DRIVER and webdriver):
 
 # Port 6800 is machine-wide: run in a private network namespace when one can
 # be made, else queue on the lock the port tests share and use a free HTTP port.
-if "PARAWEB_NETNS" not in os.environ and os.geteuid() == 0 and shutil.which("unshare"):
+# Root gets a plain network namespace, any other user one inside a user namespace.
+if "PARAWEB_NETNS" not in os.environ and shutil.which("unshare"):
     env = dict(os.environ, PARAWEB_NETNS="1")
-    inner = ["unshare", "-n", "--", "sh", "-c", 'ip link set lo up && exec "$@"', "sh", sys.executable] + sys.argv
-    if subprocess.run(["unshare", "-n", "true"], capture_output=True).returncode == 0:
+    flag = "-n" if os.geteuid() == 0 else "-rn"
+    inner = ["unshare", flag, "--", "sh", "-c", 'ip link set lo up && exec "$@"', "sh", sys.executable] + sys.argv
+    if subprocess.run(["unshare", flag, "true"], capture_output=True).returncode == 0:
         sys.exit(subprocess.run(inner, env=env).returncode)
 if "PARAWEB_NETNS" in os.environ:
     http_port = 8080
@@ -141,7 +143,7 @@ procs = []
 drv = None
 try:
     log = open(os.path.join(work, "servers.log"), "w")
-    procs.append(subprocess.Popen([f"{BUILD}/tools/paramd", "--ro", DEVICE, "--rw", work, "--log-level", "3"],
+    procs.append(subprocess.Popen([f"{BUILD}/tools/paramd", "--ro", DEVICE, "--rw", work, "--log-level", "3", "--bind", "127.0.0.1"],
                                   stdout=log, stderr=log))
     wait_for(lambda: direct({"msg_type": "get", "msg_name": "up"}), "paramd")
     procs.append(subprocess.Popen([f"{BUILD}/tools/paramweb", "--listen", f"127.0.0.1:{http_port}", "--map", MAP],
