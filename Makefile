@@ -31,7 +31,7 @@ PACKAGES := \
   valgrind \
   ansible-core
 
-.PHONY: all deps configure build run test test-asan test-tsan bench clean deb deb-arm64 web coverage test-size
+.PHONY: all deps configure build run test test-repeat test-asan test-tsan bench clean deb deb-arm64 web coverage test-size
 
 all: build
 
@@ -78,6 +78,18 @@ test: configure
 	cmake --build $(BUILD) -j $(JOBS)
 	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure
 
+# The whole suite N times in a row (default 30), stopping at the first red
+# run; beside stress-ng when STRESS=1. How flakiness is hunted down here.
+N ?= 30
+test-repeat: configure
+	@tests/netns.sh --check
+	cmake --build $(BUILD) -j $(JOBS)
+	@if [ "$(STRESS)" = 1 ]; then stress-ng --cpu 2 --timeout 0 >/dev/null 2>&1 & echo $$! > $(BUILD)/stress.pid; fi; \
+	status=0; for i in $$(seq 1 $(N)); do \
+	  if ctest --test-dir $(BUILD) -j $(JOBS) >$(BUILD)/repeat.log 2>&1; then echo "run $$i of $(N): green"; \
+	  else echo "run $$i of $(N): red"; grep -E '\*\*\*|Failed|Timeout' $(BUILD)/repeat.log | tail -5; status=1; break; fi; \
+	done; [ -f $(BUILD)/stress.pid ] && kill $$(cat $(BUILD)/stress.pid) && rm -f $(BUILD)/stress.pid; exit $$status
+
 test-asan:
 	$(MAKE) test BUILD=build-asan TYPE=Debug CMAKE_ARGS="-DPARA_SANITIZE=address,undefined"
 
@@ -109,6 +121,7 @@ coverage:
 # Test code against the rest, counted as the pre-stop check does: every line
 # of tracked C/C++ files; tests/ and fuzz/ on one side. Fails above a third.
 test-size:
+	@git rev-parse --is-inside-work-tree >/dev/null 2>&1 || { echo "test-size counts the files git tracks: run it in a git checkout"; exit 1; }
 	@git ls-files -z -- '*.c' '*.cc' '*.cpp' '*.h' '*.hpp' | xargs -0 wc -l | awk ' \
 	  $$2 == "total" { next } \
 	  { if ($$2 ~ /^(tests|fuzz)\//) t += $$1; else r += $$1 } \

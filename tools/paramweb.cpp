@@ -681,6 +681,7 @@ void usage(FILE* out)
             "  -n, --host-name NAME     a name the browser may use for this server besides\n"
             "                           its addresses and localhost (repeatable)\n"
             "  -h, --help               this text\n"
+            "  -V, --version            print the version and exit\n"
             "\n"
             "  passwd FILE              set the admin password: asked twice on a terminal,\n"
             "                           else the first line of standard input\n",
@@ -709,8 +710,9 @@ int main(int argc, char** argv)
                                   {"key", required_argument, nullptr, 'k'},
                                   {"host-name", required_argument, nullptr, 'n'},
                                   {"help", no_argument, nullptr, 'h'},
+                                  {"version", no_argument, nullptr, 'V'},
                                   {nullptr, 0, nullptr, 0}};
-    for (int c; (c = getopt_long(argc, argv, "l:m:P:c:k:n:h", opts, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, "l:m:P:c:k:n:hV", opts, nullptr)) != -1;) {
         switch (c) {
         case 'l': listen = optarg; break;
         case 'm': map = optarg; break;
@@ -718,6 +720,7 @@ int main(int argc, char** argv)
         case 'c': cert = optarg; break;
         case 'k': key = optarg; break;
         case 'n': guard.names.push_back(optarg); break;
+        case 'V': printf("paramweb %s\n", PARA_TOOLS_VERSION); return 0;
         default: return usage(c == 'h' ? stdout : stderr), c == 'h' ? 0 : 2;
         }
     }
