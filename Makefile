@@ -29,7 +29,8 @@ PACKAGES := \
   chromium-driver \
   python3-selenium \
   valgrind \
-  ansible-core
+  ansible-core \
+  lintian
 
 .PHONY: all deps configure build run test test-repeat test-asan test-tsan bench clean deb deb-arm64 web coverage test-size
 

@@ -25,6 +25,13 @@ done
 has() { grep -Eq "$2" "$work/$1.list" || fail "$1 lacks $2"; }
 lacks() { ! grep -Eq "$2" "$work/$1.list" || fail "$1 holds $2"; }
 has libpara1 '/usr/lib/.*libpara\.so\.1\.' ; has libpara1 '/usr/lib/.*libdov_common\.so\.1$'
+for pkg in libpara1 libpara-dev para-tools; do has $pkg "/usr/share/doc/$pkg/copyright$"; done
+if command -v lintian >/dev/null 2>&1; then
+    lintian "$work/out"/*.deb >"$work/lintian" 2>&1 || true
+    ! grep -q '^E:' "$work/lintian" || fail "lintian errors: $(grep '^E:' "$work/lintian")"
+else
+    echo "lintian not found: packages not checked by it"
+fi
 lacks libpara1 '\.so$|/include/|/bin/'
 has libpara-dev '/usr/include/para\.h$'; has libpara-dev '/usr/lib/.*libpara\.so$'
 has libpara-dev '/pkgconfig/para\.pc$'; has libpara-dev '/cmake/para/paraConfig\.cmake$'
