@@ -8,7 +8,7 @@ namespace {
 
 /* The dumps name their caller by return address, so a bad tree in the log
  * can be traced to the call site that passed it. */
-void print_tree(const char* fn, cJSON* json, const char* dbg_msg, const void* caller)
+void print_tree(para::Caller fn, cJSON* json, const char* dbg_msg, const void* caller)
 {
     if (para::log_level() < PARA_INFO)
         return; // every line below is level 6: skip the printing too

@@ -91,7 +91,7 @@ void count_builtin_rows()
 
 // One pattern list ("json_pattern_list" / "conf_pattern_list"), from the
 // mapping file or from the built-in default text.
-void register_pattern(const char* fn, const char* list_name, const char* default_text,
+void register_pattern(para::Caller fn, const char* list_name, const char* default_text,
                       const module_para_handle_s& tmpl, const char* added_fmt_kind)
 {
     const cJSON* list = para_config ? cJSON_GetObjectItem(para_config, list_name) : nullptr;
@@ -150,7 +150,7 @@ int save_param(int force)
 
 namespace {
 
-void receive_one(const char* fn, int fd)
+void receive_one(para::Caller fn, int fd)
 {
     para_server_message_info& info = message_info;
     socklen_t alen = sizeof info.addressRec;
@@ -416,7 +416,7 @@ bool line_sets(std::string_view line, std::string_view key)
            (line[key.size()] == ' ' || line[key.size()] == '=');
 }
 
-bool read_all(const char* fn, int fd, std::string& out, const char* path)
+bool read_all(para::Caller fn, int fd, std::string& out, const char* path)
 {
     char buf[512];
     for (;;) {
@@ -438,7 +438,7 @@ bool read_all(const char* fn, int fd, std::string& out, const char* path)
 }
 
 /* The new content, or false when a line or the result breaks the limits. */
-bool replace_lines(const char* fn, const std::string& old, std::string_view key,
+bool replace_lines(para::Caller fn, const std::string& old, std::string_view key,
                    std::string_view item, std::string& out, const char* path)
 {
     size_t pos = 0;
@@ -468,7 +468,7 @@ bool replace_lines(const char* fn, const std::string& old, std::string_view key,
     return true;
 }
 
-bool plain_text(const char* fn, const char* text, const char* what)
+bool plain_text(para::Caller fn, const char* text, const char* what)
 {
     if (!text) {
         PARA_LOG_FN(PARA_ERR, fn, "%s missing\n", what);
@@ -486,10 +486,10 @@ const char* const conf_str_formats[] = {"%s = \"%s\"", "%s=%s"};
 const char* const conf_int_formats[] = {"%s = \"%d\"", "%s=%d"};
 
 bool value_ok(const char*, int) { return true; }
-bool value_ok(const char* fn, const char* text) { return plain_text(fn, text, "value"); }
+bool value_ok(para::Caller fn, const char* text) { return plain_text(fn, text, "value"); }
 
 template <typename Value>
-int update_composed(const char* fn, char* path, char* keyword, Value value, const char* format,
+int update_composed(para::Caller fn, char* path, char* keyword, Value value, const char* format,
                     const char* const (&allowed)[2])
 {
     if (!format || (std::strcmp(format, allowed[0]) != 0 && std::strcmp(format, allowed[1]) != 0)) {

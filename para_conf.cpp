@@ -169,7 +169,7 @@ int collect_stale(void* argv, const char* key, const char* value)
  * a moment) although its value stays. A first load marks nothing; a reload
  * marks what it changes, by parsing the texts again, in place. Tells what
  * became of the read-write file. */
-para::CurLoad parse_layers(const char* fn, configure* cur, configure* def, const char* ro, const char* rw,
+para::CurLoad parse_layers(para::Caller fn, configure* cur, configure* def, const char* ro, const char* rw,
                   bool first)
 {
     configure* over = configure_init();
@@ -236,7 +236,7 @@ void copy_slot_name(char (&dst)[kSlotNameSize], const char* name)
     dst[n] = '\0';
 }
 
-int write_conf_file(const char* path, configure* store, bool lock, const char* func)
+int write_conf_file(const char* path, configure* store, bool lock, para::Caller func)
 {
     /* The lines are gathered first, so the file is replaced in one step. */
     char* text = nullptr;
@@ -259,7 +259,7 @@ int write_conf_file(const char* path, configure* store, bool lock, const char* f
     return durable_write(func, path, text, len, lock);
 }
 
-int store_to_buf(const char* fn, const char* module, configure* store, char* buf, int size)
+int store_to_buf(para::Caller fn, const char* module, configure* store, char* buf, int size)
 {
     if (!buf || size <= 0) {
         PARA_LOG_FN(PARA_ERR, fn, "%s buf is not enough\n", module);

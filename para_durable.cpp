@@ -192,7 +192,7 @@ std::string journal_header(const std::string& target, const char* data, size_t l
 enum class Journal { none, complete, partial, unreadable };
 
 /* Reads the journal at jpath for target: its content when complete. */
-Journal read_journal(const char* func, const std::string& jpath, const std::string& target,
+Journal read_journal(para::Caller func, const std::string& jpath, const std::string& target,
                      std::string& content)
 {
     FileText f = read_file(func, jpath.c_str()); // a failure is logged there
@@ -222,7 +222,7 @@ Journal read_journal(const char* func, const std::string& jpath, const std::stri
 
 /* ---- shared steps ------------------------------------------------------ */
 
-bool resolve_target(const char* func, const char* path, std::string& out)
+bool resolve_target(para::Caller func, const char* path, std::string& out)
 {
     out = path;
     for (int hops = 0; hops < 40; ++hops) {
@@ -265,7 +265,7 @@ int open_locked(const std::string& target, int flags, struct stat& st, const cha
 namespace {
 
 struct Write {
-    const char* func;
+    para::Caller func;
     const char* data;
     size_t len;
     std::string target;
@@ -419,10 +419,10 @@ struct Write {
 
 } // namespace
 
-int durable_write(const char* func, const char* path, const void* data, size_t len, bool lock,
+int durable_write(para::Caller func, const char* path, const void* data, size_t len, bool lock,
                   int held_fd)
 {
-    Write w{func, static_cast<const char*>(data), len};
+    Write w{func, static_cast<const char*>(data), len, {}};
     if (int r = w.look(path); r != 0)
         return r;
     Fd locked;
@@ -439,7 +439,7 @@ int durable_write(const char* func, const char* path, const void* data, size_t l
     return w.replace();
 }
 
-bool journal_replay(const char* func, const char* path)
+bool journal_replay(para::Caller func, const char* path)
 {
     std::string target;
     if (!path || !*path || !resolve_target(func, path, target))
@@ -484,7 +484,7 @@ bool journal_replay(const char* func, const char* path)
 
 namespace {
 
-int name_change_done(const char* func, const char* what, const char* path, int r,
+int name_change_done(para::Caller func, const char* what, const char* path, int r,
                      const std::string& dir, const std::string& dir2 = std::string())
 {
     if (r == 0 && (fsync_dir(dir) != 0 || (!dir2.empty() && dir2 != dir && fsync_dir(dir2) != 0))) {
@@ -499,19 +499,19 @@ int name_change_done(const char* func, const char* what, const char* path, int r
 
 } // namespace
 
-int durable_rename(const char* func, const char* from, const char* to)
+int durable_rename(para::Caller func, const char* from, const char* to)
 {
     int r = again([&] { return calls.rename(from, to); });
     return name_change_done(func, "rename to", to, r, parent_dir(to), parent_dir(from));
 }
 
-int durable_mkdir(const char* func, const char* path, mode_t mode)
+int durable_mkdir(para::Caller func, const char* path, mode_t mode)
 {
     int r = again([&] { return calls.mkdir(path, mode); });
     return name_change_done(func, "mkdir", path, r, parent_dir(path));
 }
 
-int durable_unlink(const char* func, const char* path)
+int durable_unlink(para::Caller func, const char* path)
 {
     int r = again([&] { return calls.unlink(path); });
     return name_change_done(func, "unlink", path, r, parent_dir(path));

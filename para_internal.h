@@ -16,13 +16,26 @@
 #include <sys/stat.h>
 
 /* Every line of the library carries "[para <function> +<line>]" and its own
- * line feeds. The level test is repeated here so disabled lines cost no
- * formatting. A shared helper logs with PARA_LOG_FN and the name of the
- * function the message belongs to, handed in by its caller. */
-#define PARA_LOG_FN(level, fn, fmt, ...)                                           \
+ * line feeds, the line being one of that function in its own file. The level
+ * test is repeated here so disabled lines cost no formatting. A shared helper
+ * logs for the function the message belongs to: it takes a para::Caller,
+ * made from the caller's __func__ where the call is written, which carries
+ * that call's line along (through further helpers too). */
+namespace para {
+struct Caller {
+    const char* fn;
+    int line;
+    Caller(const char* f, int l = __builtin_LINE()) : fn(f), line(l) {}
+    operator const char*() const { return fn; }
+};
+} // namespace para
+#define PARA_LOG_FN(level, who, fmt, ...)                                          \
     do {                                                                           \
-        if (para::log_level() >= (level))                                          \
-            dov_traceout((level), "[para %s +%-4d]" fmt, (fn), __LINE__, ##__VA_ARGS__); \
+        if (para::log_level() >= (level)) {                                        \
+            const para::Caller para_log_at_(who);                                  \
+            dov_traceout((level), "[para %s +%-4d]" fmt, para_log_at_.fn,           \
+                         para_log_at_.line, ##__VA_ARGS__);                        \
+        }                                                                          \
     } while (0)
 #define PARA_LOG(level, fmt, ...) PARA_LOG_FN(level, __func__, fmt, ##__VA_ARGS__)
 
@@ -55,9 +68,10 @@ struct FreeDeleter {
 using CharPtr = std::unique_ptr<char, FreeDeleter>;
 
 /* dir + name (+ suffix) into a PARA_PATH_MAX buffer. A path that does not
- * fit is refused with a log line: false, and out holds "". */
+ * fit is refused with a log line under who (by default the calling function
+ * and line): false, and out holds "". */
 bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name,
-               const char* suffix = nullptr);
+               const char* suffix = nullptr, Caller who = {__builtin_FUNCTION(), __builtin_LINE()});
 
 /* The one way the library reads a file. The path's links are followed; only
  * a regular file of at most kReadCap bytes is read, opened without blocking
@@ -81,7 +95,7 @@ std::string read_cause(const FileText& f);
 /* A read-only file (ranges, defaults, mapping, styles): a failure other than
  * a missing file, and a read that had to be repeated, is logged at level 3
  * under func's name. Empty text when it was not read. */
-FileText read_file(const char* func, const char* path);
+FileText read_file(para::Caller func, const char* path);
 
 /* A current-value file, which must never be replaced by defaults while it
  * holds values nobody changed. After an interrupted rewrite is finished
@@ -90,7 +104,7 @@ FileText read_file(const char* func, const char* path);
  * the module starts from its defaults and keeps the file (CurrentFile).
  * blocked: the rewrite could not be finished; the file is never written. */
 enum class CurLoad { read, absent, unreadable, blocked };
-CurLoad read_current(const char* func, const char* path, FileText& out);
+CurLoad read_current(para::Caller func, const char* path, FileText& out);
 
 /* What a module may do with its current file, decided at each load. An
  * unreadable file stays as it is until the module holds a change of its own;
@@ -105,7 +119,7 @@ public:
     /* Before a save writes path; changed: a value changed since the load.
      * 1: write; 0: leave the file, nothing to save; -1: a change cannot be
      * written (logged), the save counts as failed. */
-    int writable(const char* func, const char* path, bool changed);
+    int writable(para::Caller func, const char* path, bool changed);
 
 private:
     enum { kFree, kHeld, kNever };
@@ -118,7 +132,7 @@ private:
  * the store cannot hold is logged at level 3 and, for a current file, the
  * file is copied to <path>.bad before any save can drop the line. The text
  * read is handed out through text when given. */
-CurLoad parse_conf_file(const char* func, configure* store, const config_keys* keys,
+CurLoad parse_conf_file(para::Caller func, configure* store, const config_keys* keys,
                         const char* path, bool current, FileText* text = nullptr);
 
 /* Reads and parses a JSON file. Logs "Error before: [%s]" for fn on a parse
@@ -127,13 +141,13 @@ CurLoad parse_conf_file(const char* func, configure* store, const config_keys* k
  * read_current (*how tells what became of it), and one that exists
  * but does not parse is first copied aside as <path>.bad, so the next save
  * cannot erase it. */
-JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line,
+JsonPtr load_json_file(para::Caller fn, const char* path, bool* unreadable, bool blank_line,
                        bool keep_bad = false, CurLoad* how = nullptr);
 
 /* Copies the file at path (or the len bytes of it already read) to
  * <path>.bad (the newest copy only), logged at level 3 under func's name. */
-void keep_bad_copy(const char* func, const char* path);
-void keep_bad_copy(const char* func, const char* path, const char* bytes, size_t len);
+void keep_bad_copy(para::Caller func, const char* path);
+void keep_bad_copy(para::Caller func, const char* path, const char* bytes, size_t len);
 
 /* Results of a durable write besides 0: nothing could be opened or
  * created (the modules report that as 0, the file is simply skipped), or
@@ -156,21 +170,21 @@ inline int module_result(int r)
  * held_fd is an already locked descriptor of the target (update_conf reads
  * under the same lock). Failures are logged under func's name with the file
  * and the cause. Returns 0, kNotOpened or kWriteFailed. */
-int durable_write(const char* func, const char* path, const void* data, size_t len,
+int durable_write(para::Caller func, const char* path, const void* data, size_t len,
                   bool lock = false, int held_fd = -1);
 
 /* Name changes that count as done only once their directory is on
  * storage: the operation, then an fsync of the directory that holds the
  * name (both directories for a rename). Logged under func's name; 0 or -1
  * with errno kept from the failing step. */
-int durable_rename(const char* func, const char* from, const char* to);
-int durable_mkdir(const char* func, const char* path, mode_t mode);
-int durable_unlink(const char* func, const char* path);
+int durable_rename(para::Caller func, const char* from, const char* to);
+int durable_mkdir(para::Caller func, const char* path, mode_t mode);
+int durable_unlink(para::Caller func, const char* path);
 
 /* Before a file is read: finishes or drops an in-place rewrite of path that
  * a crash interrupted, so that the reader sees the old or the new content
  * whole. True when path may be read now. */
-bool journal_replay(const char* func, const char* path);
+bool journal_replay(para::Caller func, const char* path);
 
 /* Closes a descriptor on every way out. */
 struct Fd {
@@ -191,7 +205,7 @@ struct Fd {
 /* The file path finally names, following its symlinks (also a dangling one,
  * whose target a write then creates); false, logged under func's name, for a
  * loop. */
-bool resolve_target(const char* func, const char* path, std::string& out);
+bool resolve_target(para::Caller func, const char* path, std::string& out);
 
 /* Opens target with flags and holds an exclusive flock on the very file the
  * name still names once the lock is taken; st describes it. -1 with errno
@@ -213,7 +227,7 @@ char* print_json(const cJSON* json);
 
 /* Formatted print + one NUL byte, written through durable_write (same
  * results; logged under func's name with the file and the cause). */
-int write_json_file(const char* path, const cJSON* json, const char* func = "write_json_file");
+int write_json_file(const char* path, const cJSON* json, para::Caller func = "write_json_file");
 
 /* A module's save can come from the sweep and from the host at once. Held
  * from taking the change flag until the file is written, it keeps two
@@ -272,7 +286,7 @@ extern std::atomic<int64_t> clock_frozen_ns;
  * takes and answers like the durable write. The caller holds whatever lock the store's
  * file needs. */
 struct SaveStep {
-    const char* fn;  /* the exported save: its log lines name it */
+    para::Caller fn;  /* the exported save: its log lines name it */
     ChangeState& change;
     CurrentFile* file; /* null: write guards its file itself (gets changed) */
     int delay_ms;

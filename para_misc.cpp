@@ -83,23 +83,23 @@ int loop_2_json(void* argv, const char* key, const char* value)
     return 0;
 }
 
-/* argv: the name of the function the listing belongs to. */
+/* argv: the para::Caller the listing belongs to. */
 int log_entry(void* argv, const char* key, const char* value)
 {
-    PARA_LOG_FN(PARA_INFO, static_cast<const char*>(argv), "    %s=%s\n", key, value);
+    PARA_LOG_FN(PARA_INFO, *static_cast<const para::Caller*>(argv), "    %s=%s\n", key, value);
     return 0;
 }
 
-void log_current(const char* fn, int slot)
+void log_current(para::Caller fn, int slot)
 {
     PARA_LOG_FN(PARA_INFO, fn, "%s cur:\n", conf_list[slot].file_name);
     if (conf_cur[slot] && para::log_level() >= PARA_INFO)
-        conf_cur[slot]->loop(conf_cur[slot], log_entry, const_cast<char*>(fn));
+        conf_cur[slot]->loop(conf_cur[slot], log_entry, &fn);
 }
 
 /* Loads range file and stores of a JSON module into slot s; false when the
  * module has to give its slot to the next one. */
-bool load_module(const char* fn, int s, const char* name)
+bool load_module(para::Caller fn, int s, const char* name)
 {
     misc_file[s].loaded(para::CurLoad::absent);
     conf_cur[s] = configure_init();

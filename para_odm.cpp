@@ -36,19 +36,19 @@ struct OdmPaths {
 
 /* Without a read-write directory the names would fall back to the working
  * directory of whatever process runs us: refuse instead. */
-bool odm_paths(const char* fn, OdmPaths& p)
+bool odm_paths(para::Caller fn, OdmPaths& p)
 {
     const char* rw = para_profile.param_rwfile_dir;
     if (!rw || !*rw) {
         PARA_LOG_FN(PARA_ERR, fn, "no read-write directory, factory store not kept on disk\n");
         return false;
     }
-    return para::make_path(p.dir, rw, "persist/") &&
-           para::make_path(p.file, rw, "persist/", "odm.json") &&
-           para::make_path(p.old_file, rw, "isp_odm.json");
+    return para::make_path(p.dir, rw, "persist/", nullptr, fn) &&
+           para::make_path(p.file, rw, "persist/", "odm.json", fn) &&
+           para::make_path(p.old_file, rw, "isp_odm.json", nullptr, fn);
 }
 
-void ensure_persist_dir(const char* fn, const OdmPaths& p)
+void ensure_persist_dir(para::Caller fn, const OdmPaths& p)
 {
     if (access(p.dir, F_OK) == 0)
         return;
@@ -70,7 +70,7 @@ struct OdmTarget {
     int* number;
     char* buf;
     int size;
-    const char* fn; /* the accessor that reads, for its log lines */
+    para::Caller fn; /* the accessor that reads, for its log lines */
 };
 
 struct OdmKind {
@@ -149,7 +149,7 @@ void check_json_odm_file()
     }
 }
 
-int odm_store(const char* fn, const char* key, const OdmValue& v)
+int odm_store(para::Caller fn, const char* key, const OdmValue& v)
 {
     if (!key || !v.kind->valid(v)) {
         PARA_LOG_FN(PARA_ERR, fn, "refused %s write: key %s, value %s\n", v.kind->name,
@@ -178,7 +178,7 @@ void odm_mark_changed()
     para::stamp_to_timespec(odm_change.stamp_ns.load(), &odm_item_start_time);
 }
 
-void odm_set(const char* fn, char* key, const OdmValue& v)
+void odm_set(para::Caller fn, char* key, const OdmValue& v)
 {
     if (odm_store(fn, key, v) != 1)
         return;
@@ -187,7 +187,7 @@ void odm_set(const char* fn, char* key, const OdmValue& v)
     odm_mark_changed();
 }
 
-int odm_get(const char* fn, const char* key, OdmTarget t)
+int odm_get(para::Caller fn, const char* key, OdmTarget t)
 {
     if (!key || (!t.number && !t.buf) || (t.buf && t.size < 1)) {
         PARA_LOG_FN(PARA_ERR, fn, "refused %s read: key %s\n", t.kind->name, key ? key : "(null)");

@@ -34,15 +34,15 @@ int find_slot_by(int count, const char* name, NameOf name_of)
 /* Writes every entry of store as .conf lines to path through
  * durable_write (with lock: under an exclusive flock on path, for writers in
  * other processes). Results as durable_write, logged under func's name. */
-int write_conf_file(const char* path, configure* store, bool lock, const char* func);
+int write_conf_file(const char* path, configure* store, bool lock, para::Caller func);
 
 /* The "misc" module's save in its file layouts: durable_write's results
  * (para_save_misc_legacy reports them as the module does). */
-int save_misc_legacy(char* file_name, configure* cur, const char* func, bool changed = false);
+int save_misc_legacy(char* file_name, configure* cur, para::Caller func, bool changed = false);
 
 /* Store dump into buf for the *_2_buf operations: used + 1, or 0 (logged
  * with module) when buf is too small. */
-int store_to_buf(const char* fn, const char* module, configure* store, char* buf, int size);
+int store_to_buf(para::Caller fn, const char* module, configure* store, char* buf, int size);
 
 /* Read requests: is_def from the item's own key, and the ["all"] form
  * (one element, a string beginning with "all"). */

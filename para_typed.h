@@ -309,12 +309,12 @@ inline void load_all(const Module& m, FileKind fk, const cJSON* json)
 /* Range, default and current file. count_records, when given, sets the
  * number of records in use from the parsed range file. 0, or -1 when the
  * range or default file cannot be read or parsed (what was loaded stays). */
-inline int load_files(const Module& m, int (*count_records)(cJSON*), const char* fn)
+inline int load_files(const Module& m, int (*count_records)(cJSON*), para::Caller fn)
 {
     char range[PARA_PATH_MAX], def[PARA_PATH_MAX], cur[PARA_PATH_MAX];
-    make_path(range, para_profile.param_rofile_dir, m.files[0]);
-    make_path(def, para_profile.param_rofile_dir, m.files[1]);
-    make_path(cur, para_profile.param_rwfile_dir, m.files[2]);
+    make_path(range, para_profile.param_rofile_dir, m.files[0], nullptr, fn);
+    make_path(def, para_profile.param_rofile_dir, m.files[1], nullptr, fn);
+    make_path(cur, para_profile.param_rwfile_dir, m.files[2], nullptr, fn);
     {
         Lock lk(m.st->mu);
         std::memset(m.rec[kExist], 0, sizeof(int32_t) * m.stride * m.records);
@@ -462,7 +462,7 @@ inline int set_member(const Module& m, const char* name, int s, int val, const c
  * every existing member, else the listed members. Anything but an array of
  * names (the whole message of a reading post, say) gets no reply. */
 inline void get_request(const Module& m, const cJSON* item, int s, void** jsonOut, int level,
-                        const char* fn)
+                        para::Caller fn)
 {
     if (!jsonOut)
         return;
@@ -529,11 +529,11 @@ inline int need_save(const Module& m)
 /* Writes the current file. The flag is cleared before the snapshot, so a
  * change that lands while writing is saved by the next sweep; a failed
  * write leaves the change pending for a later try. */
-inline int save(const Module& m, const char* fn)
+inline int save(const Module& m, para::Caller fn)
 {
     std::lock_guard<std::mutex> saving(save_mutex);
     char path[PARA_PATH_MAX];
-    bool named = make_path(path, para_profile.param_rwfile_dir, m.files[2]);
+    bool named = make_path(path, para_profile.param_rwfile_dir, m.files[2], nullptr, fn);
     return save_store({fn, m.st->change, &m.st->cur_file, delay_of(m), m.st->loaded, m.files[2],
                        named ? path : nullptr},
                       [&](const char* to, bool) {
@@ -542,7 +542,7 @@ inline int save(const Module& m, const char* fn)
                       });
 }
 
-inline int save_delay(const Module& m, int msec, const char* fn)
+inline int save_delay(const Module& m, int msec, para::Caller fn)
 {
     if (msec < 0)
         msec = delay_of(m);
@@ -555,7 +555,7 @@ inline int save_delay(const Module& m, int msec, const char* fn)
 
 /* Per-stream modules list their existing members per stream; flat modules
  * list every member (an absent one with its getter's value). */
-inline void dump(const Module& m, const char* fn)
+inline void dump(const Module& m, para::Caller fn)
 {
     PARA_LOG_FN(PARA_INFO, fn, "----------%s PARAM-----------\n\n", m.title);
     Lock lk(m.st->mu);

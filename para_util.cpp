@@ -18,7 +18,7 @@
 
 namespace para {
 
-bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name, const char* suffix)
+bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name, const char* suffix, Caller who)
 {
     out[0] = '\0';
     int n = cat_file_name(out, PARA_PATH_MAX, dir, name);
@@ -31,8 +31,8 @@ bool make_path(char (&out)[PARA_PATH_MAX], const char* dir, const char* name, co
     }
     if (n < 0) {
         out[0] = '\0';
-        PARA_LOG(PARA_ERR, "path too long: %s/%s%s\n", dir ? dir : "", name ? name : "",
-                 suffix ? suffix : "");
+        PARA_LOG_FN(PARA_ERR, who, "path too long: %s/%s%s\n", dir ? dir : "", name ? name : "",
+                    suffix ? suffix : "");
         return false;
     }
     return true;
@@ -134,7 +134,7 @@ std::string read_cause(const FileText& f)
     return "?";
 }
 
-FileText read_file(const char* func, const char* path)
+FileText read_file(para::Caller func, const char* path)
 {
     FileText f = read_guarded(path);
     if (f.fault != ReadFault::none && f.fault != ReadFault::missing)
@@ -144,7 +144,7 @@ FileText read_file(const char* func, const char* path)
     return f;
 }
 
-CurLoad read_current(const char* func, const char* path, FileText& out)
+CurLoad read_current(para::Caller func, const char* path, FileText& out)
 {
     if (!journal_replay(func, path)) {
         PARA_LOG_FN(PARA_ERR, func, "%s: an interrupted rewrite could not be finished; "
@@ -166,7 +166,7 @@ CurLoad read_current(const char* func, const char* path, FileText& out)
     return CurLoad::unreadable;
 }
 
-int CurrentFile::writable(const char* func, const char* path, bool changed)
+int CurrentFile::writable(para::Caller func, const char* path, bool changed)
 {
     int st = state_.load();
     if (st == kFree)
@@ -185,7 +185,7 @@ int CurrentFile::writable(const char* func, const char* path, bool changed)
     return 1;
 }
 
-CurLoad parse_conf_file(const char* func, configure* store, const config_keys* keys,
+CurLoad parse_conf_file(para::Caller func, configure* store, const config_keys* keys,
                         const char* path, bool current, FileText* text)
 {
     FileText f;
@@ -211,7 +211,7 @@ CurLoad parse_conf_file(const char* func, configure* store, const config_keys* k
     return r;
 }
 
-JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool blank_line,
+JsonPtr load_json_file(para::Caller fn, const char* path, bool* unreadable, bool blank_line,
                        bool keep_bad, CurLoad* how)
 {
     if (unreadable)
@@ -243,7 +243,7 @@ JsonPtr load_json_file(const char* fn, const char* path, bool* unreadable, bool 
     return json;
 }
 
-void keep_bad_copy(const char* func, const char* path, const char* bytes, size_t len)
+void keep_bad_copy(para::Caller func, const char* path, const char* bytes, size_t len)
 {
     std::string bad = std::string(path) + ".bad";
     if (!bytes || durable_write(func, bad.c_str(), bytes, len) != 0) {
@@ -254,7 +254,7 @@ void keep_bad_copy(const char* func, const char* path, const char* bytes, size_t
     PARA_LOG_FN(PARA_ERR, func, "%s cannot be read as settings, kept as %s\n", path, bad.c_str());
 }
 
-void keep_bad_copy(const char* func, const char* path)
+void keep_bad_copy(para::Caller func, const char* path)
 {
     FileText f = read_guarded(path);
     keep_bad_copy(func, path, f.text.get(), f.len);
@@ -408,7 +408,7 @@ char* print_json(const cJSON* json)
     return text;
 }
 
-int write_json_file(const char* path, const cJSON* json, const char* func)
+int write_json_file(const char* path, const cJSON* json, para::Caller func)
 {
     CharPtr text(print_json(json));
     if (!text) {

@@ -76,14 +76,15 @@ cJSON* expand_run(const NameTable& t, const char* first, const char* last)
     return out;
 }
 
-bool rw_path(char (&path)[PARA_PATH_MAX], const char* name)
+/* The helpers below log for the exported function that called them. */
+bool rw_path(char (&path)[PARA_PATH_MAX], const char* name, para::Caller fn = {__builtin_FUNCTION(), __builtin_LINE()})
 {
-    return para::make_path(path, para_profile.param_rwfile_dir, name);
+    return para::make_path(path, para_profile.param_rwfile_dir, name, nullptr, fn);
 }
 
-bool ro_path(char (&path)[PARA_PATH_MAX], const char* name)
+bool ro_path(char (&path)[PARA_PATH_MAX], const char* name, para::Caller fn = {__builtin_FUNCTION(), __builtin_LINE()})
 {
-    return para::make_path(path, para_profile.param_rofile_dir, name);
+    return para::make_path(path, para_profile.param_rofile_dir, name, nullptr, fn);
 }
 
 int fill_old_values(const cJSON* json, configure* store)
@@ -103,26 +104,26 @@ int fill_old_values(const cJSON* json, configure* store)
 
 para::CurrentFile cur_file;
 
-int parse_conf(configure* store, const char* file, bool read_only)
+int parse_conf(configure* store, const char* file, bool read_only, para::Caller fn = {__builtin_FUNCTION(), __builtin_LINE()})
 {
     char path[PARA_PATH_MAX];
-    if (!(read_only ? ro_path(path, file) : rw_path(path, file)))
+    if (!(read_only ? ro_path(path, file, fn) : rw_path(path, file, fn)))
         return -1;
-    para::CurLoad r = para::parse_conf_file(__func__, store, nullptr, path, !read_only);
+    para::CurLoad r = para::parse_conf_file(fn, store, nullptr, path, !read_only);
     if (!read_only)
         cur_file.loaded(r);
     return r == para::CurLoad::read ? 0 : -1;
 }
 
-int load_old_values(configure* store, const char* file, bool read_only)
+int load_old_values(configure* store, const char* file, bool read_only, para::Caller fn = {__builtin_FUNCTION(), __builtin_LINE()})
 {
     char path[PARA_PATH_MAX];
-    if (!(read_only ? ro_path(path, file) : rw_path(path, file)))
+    if (!(read_only ? ro_path(path, file, fn) : rw_path(path, file, fn)))
         return -1;
     para::CurLoad how = para::CurLoad::read;
     // A current file is read guarded, and kept aside when damaged before the
     // next save replaces it.
-    para::JsonPtr json = para::load_json_file(__func__, path, nullptr, false, !read_only, &how);
+    para::JsonPtr json = para::load_json_file(fn, path, nullptr, false, !read_only, &how);
     if (!read_only)
         cur_file.loaded(how);
     return fill_old_values(json.get(), store);
@@ -132,12 +133,12 @@ int load_old_values(configure* store, const char* file, bool read_only)
 
 namespace para {
 
-int save_misc_legacy(char* file_name, configure* cur, const char* func, bool changed)
+int save_misc_legacy(char* file_name, configure* cur, para::Caller func, bool changed)
 {
     if (!ver_item || !cur)
         return 0;
     char path[PARA_PATH_MAX];
-    if (!rw_path(path, newer_layout() ? "misc.conf" : "misc_cur.json"))
+    if (!rw_path(path, newer_layout() ? "misc.conf" : "misc_cur.json", func))
         return kNotOpened; // 0 to the host, but the change stays pending
     if (int w = cur_file.writable(func, path, changed); w <= 0)
         return w;

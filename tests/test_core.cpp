@@ -9,6 +9,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <regex>
 
 namespace {
 
@@ -168,4 +171,60 @@ TEST(Lifecycle, SweepSavesDueRowsWithoutSocket)
     EXPECT_TRUE(log.contains("late_row save err"));
     EXPECT_GE(syncs, 1);
     close(blocker);
+}
+
+/* "[para F +L]": L is a line of the function F in its own file, also where a
+ * shared helper wrote the line for its caller. Checked on every line of a
+ * start, writes, refusals, failed and good saves and a stop; functions
+ * stamped from member tables have no definition to look in and are left out. */
+TEST(Logging, EveryLineNamesAFunctionAndALineOfIt)
+{
+    std::map<std::string, std::vector<std::pair<int, int>>> bodies; // function -> [first, last] lines
+    for (auto& e : std::filesystem::recursive_directory_iterator(PARA_SOURCE_DIR)) {
+        std::string path = e.path().string(), rel = path.substr(std::strlen(PARA_SOURCE_DIR) + 1);
+        if (!e.is_regular_file() || (rel.find('/') != std::string::npos && rel.compare(0, 4, "ipc/") && rel.compare(0, 7, "legacy/")))
+            continue;
+        if (path.size() < 4 || (path.compare(path.size() - 4, 4, ".cpp") && path.compare(path.size() - 2, 2, ".h")))
+            continue;
+        std::ifstream in(path);
+        std::string text, name;
+        int start = 0;
+        static const std::regex head(R"(^[A-Za-z].*?\b([A-Za-z_][A-Za-z_0-9]*)\()");
+        for (int n = 1; std::getline(in, text); ++n) {
+            std::smatch m;
+            if (text.rfind("}", 0) == 0 && !name.empty())
+                bodies[name].push_back({start, n}), name.clear();
+            else if (std::regex_search(text, m, head) && text.back() != ';')
+                name = m[1], start = n;
+        }
+    }
+    test::LogCapture log(7);
+    {
+        Started lib;
+        para_set_video_gop_cur(0, 25), para_set_isp_bright_cur(1, 40), para_set_json_cur("misc", "mirror", 1);
+        std::string many = R"({"msg_type":"set","netport":{)";
+        for (int i = 0; i < 10; ++i)
+            many += (i ? "," : "") + ("\"k" + std::to_string(i) + "\":\"" + std::string(300, 'x') + "\"");
+        test::udp_request(many + "}}", 1000, para_server_bound_port());
+        para_profile.param_rwfile_dir = const_cast<char*>("/nonexistent/rw");
+        platformparam_save();
+        lib.dir.use_as_profile();
+        platformparam_save();
+    }
+    int checked = 0;
+    static const std::regex tag(R"(\[para ([A-Za-z_0-9]+) \+([0-9]+) *\])");
+    for (const std::string& line : log.lines()) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(line, m, tag)) << line;
+        auto f = bodies.find(m[1]);
+        if (f == bodies.end())
+            continue;
+        int at = std::stoi(m[2]);
+        bool inside = false;
+        for (auto [first, last] : f->second)
+            inside = inside || (first <= at && at <= last);
+        EXPECT_TRUE(inside) << "line " << at << " is not in " << m[1] << ": " << line;
+        ++checked;
+    }
+    EXPECT_GT(checked, 50) << "lines of known functions, of " << log.lines().size();
 }

@@ -80,7 +80,7 @@ const char* string_of(const cJSON* obj, const char* key)
     return cJSON_IsString(it) ? it->valuestring : nullptr;
 }
 
-void log_tree_at_detail(const char* fn, const char* what, const cJSON* json)
+void log_tree_at_detail(para::Caller fn, const char* what, const cJSON* json)
 {
     if (para::log_level() != PARA_DETAIL || !json)
         return;

@@ -83,7 +83,7 @@ bool take_token(char (&out)[WWW_FIELD_MAX], std::string_view token)
     return true;
 }
 
-void store_value(const char* fn, cJSON* req, const json_char_p& hit, const char* mark, const char* value)
+void store_value(para::Caller fn, cJSON* req, const json_char_p& hit, const char* mark, const char* value)
 {
     cJSON* module = cJSON_GetObjectItemCaseSensitive(req, hit.item_name);
     if (!module) {
@@ -100,7 +100,7 @@ void store_value(const char* fn, cJSON* req, const json_char_p& hit, const char*
     cJSON_AddItemToObject(module, hit.json_name, item);
 }
 
-void add_form_pair(const char* fn, cJSON* req, std::string_view field, std::string_view value)
+void add_form_pair(para::Caller fn, cJSON* req, std::string_view field, std::string_view value)
 {
     char name[WWW_FIELD_MAX];
     char text[WWW_FIELD_MAX];
@@ -159,7 +159,7 @@ namespace {
 
 /* One pair of a read reply, cut to WWW_PAIR_MAX - 1 characters; 0 when the
  * member's type has no form. */
-int format_pair(const char* fn, char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* member,
+int format_pair(para::Caller fn, char (&out)[WWW_PAIR_MAX], const char* field, const cJSON* member,
                 const char* mark, bool first)
 {
     char number[48];
@@ -234,7 +234,7 @@ struct json_char_p get_json_name(char* http_name, char** sub_describe, int greed
 namespace {
 
 /* get_http_name inside an entry already looked up (entry may be null). */
-char* http_name_in(const char* fn, cJSON* entry, const char* item_name, const char* json_name,
+char* http_name_in(para::Caller fn, cJSON* entry, const char* item_name, const char* json_name,
                    char** value_type, char** sub_describe)
 {
     if (cJSON_IsObject(entry) && json_name) {
