@@ -10,6 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <map>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -47,6 +50,7 @@ struct Command {
 
 void main_usage(FILE* out);
 const Command* find_command(const char* name);
+bool parse_int(const char* text, int lo, int hi, int* out);
 
 struct JsonDeleter {
     void operator()(cJSON* j) const { cJSON_Delete(j); }
@@ -208,6 +212,14 @@ bool is_kind(const cJSON* mdesc, const char* kind)
 bool flag_of(const cJSON* desc, const char* key)
 {
     return cJSON_IsTrue(cJSON_GetObjectItem(desc, key));
+}
+
+// A number beyond the member's described min..max.
+bool outside(const cJSON* value, const cJSON* mdesc)
+{
+    const cJSON *lo = cJSON_GetObjectItem(mdesc, "min"), *hi = cJSON_GetObjectItem(mdesc, "max");
+    return cJSON_IsNumber(value) && cJSON_IsNumber(lo) && cJSON_IsNumber(hi) &&
+           (value->valuedouble < lo->valuedouble || value->valuedouble > hi->valuedouble);
 }
 
 bool is_store(const cJSON* desc, const char* store)
@@ -409,6 +421,9 @@ int write_module(const Options& o, const std::string& module, const Assignments&
             else if (!applied(s, g, desc.get(), mdesc))
                 status = error(module + "." + s->string + "=" + printed(s, true) + " not applied (value " +
                                printed(g, true) + ")" + accepted(mdesc));
+            else if (is_store(desc.get(), "json") && outside(s, mdesc))
+                status = error(module + "." + s->string + "=" + printed(s, true) +
+                               " stored, but it is outside the member's range" + accepted(mdesc));
         }
     return status;
 }
@@ -446,8 +461,41 @@ int show_reply(const Options& o, const std::string& text, const cJSON* reply)
     return kOk;
 }
 
+/* "module.member ..." (all of one module) as "module member ...": the dotted
+ * form of show and import also works for get and set. Converts argv in
+ * place; false (said) when the modules differ. */
+bool undot(int argc, char** argv, std::vector<std::string>& keep, std::vector<char*>& out, bool values)
+{
+    const char* dot = argc > 0 ? strchr(argv[0], '.') : nullptr;
+    const char* eq = argc > 0 ? strchr(argv[0], '=') : nullptr;
+    if (!dot || (eq && eq < dot) || (values && !eq)) {
+        out.assign(argv, argv + argc);
+        return true;
+    }
+    const std::string module(argv[0], static_cast<size_t>(dot - argv[0]));
+    keep.reserve(argc + 1);
+    keep.push_back(module);
+    for (int i = 0; i < argc; ++i) {
+        if (strncmp(argv[i], (module + ".").c_str(), module.size() + 1) != 0) {
+            fail("'%s' is not of the first argument's module: one module per command", argv[i]);
+            return false;
+        }
+        keep.push_back(argv[i] + module.size() + 1);
+    }
+    for (std::string& k : keep)
+        out.push_back(k.data());
+    return true;
+}
+
 int cmd_get(const Options& o, int argc, char** argv)
 {
+    std::vector<std::string> keep;
+    std::vector<char*> args;
+    if (argc > 0 && strcmp(argv[0], "-v") != 0) {
+        if (!undot(argc, argv, keep, args, false))
+            return kUsage;
+        argc = static_cast<int>(args.size()), argv = args.data();
+    }
     const bool bare = argc > 0 && strcmp(argv[0], "-v") == 0;
     if (bare) {
         --argc;
@@ -480,6 +528,11 @@ int cmd_get(const Options& o, int argc, char** argv)
 
 int cmd_set(const Options& o, int argc, char** argv)
 {
+    std::vector<std::string> keep;
+    std::vector<char*> args;
+    if (!undot(argc, argv, keep, args, true))
+        return kUsage;
+    argc = static_cast<int>(args.size()), argv = args.data();
     Assignments values;
     if (argc < 2)
         return fail("set: MODULE and member=value wanted (try: paramctl help set)");
@@ -510,10 +563,22 @@ int cmd_post(const Options& o, int argc, char** argv)
     return st;
 }
 
+// The server answers a msg_type only when it routes it: get, set, post or a
+// command type (one containing get or set). Anything else would end in a
+// time-out that blames the server.
+bool routed(const char* t)
+{
+    const size_t n = strlen(t);
+    return !strncmp(t, "get", n) || !strncmp(t, "set", n) || !strncmp(t, "post", n) || strstr(t, "get") || strstr(t, "set");
+}
+
 int cmd_api(const Options& o, int argc, char** argv)
 {
     if (argc < 2)
         return fail("api: TYPE and NAME wanted (try: paramctl help api)");
+    if (!routed(argv[0]))
+        return fail("api: TYPE '%s' is no command type (one containing get or set, e.g. getInfo); "
+                    "the server would not answer", argv[0]);
     cJSON* req = cJSON_CreateObject();
     cJSON_AddStringToObject(req, "msg_type", argv[0]);
     cJSON_AddStringToObject(req, "msg_name", argv[1]);
@@ -555,8 +620,7 @@ int cmd_raw(const Options& o, int argc, char** argv)
     if (!cJSON_IsString(mt))
         return fail("raw: the request has no string msg_type; the server would not answer");
     const char* t = mt->valuestring;
-    const size_t n = strlen(t);
-    if (strncmp(t, "get", n) && strncmp(t, "set", n) && strncmp(t, "post", n) && !strstr(t, "get") && !strstr(t, "set"))
+    if (!routed(t))
         return fail("raw: msg_type '%s' is none of get, set, post or a command type (containing get or set); "
                     "the server would not answer", t);
     std::string reply;
@@ -564,7 +628,13 @@ int cmd_raw(const Options& o, int argc, char** argv)
     if (st != kOk)
         return st;
     Json parsed(cJSON_Parse(reply.c_str()));
-    return show_reply(o, reply, parsed.get());
+    st = show_reply(o, reply, parsed.get());
+    // A get answers only the modules it knows: name the others.
+    if (st == kOk && strcmp(t, "get") == 0)
+        for (const cJSON* item = req->child; item; item = item->next)
+            if (item->string && strncmp(item->string, "msg_", 4) && !cJSON_GetObjectItem(parsed.get(), item->string))
+                st = error(std::string(item->string) + ": no such module (not in the reply)");
+    return st;
 }
 
 int needs_command(const std::string& what, const char* command)
@@ -665,6 +735,51 @@ int cmd_show(const Options& o, int argc, char** argv)
 
 // import: MODULE.member=value lines (blank lines and # comments skipped),
 // checked whole before anything is written, then written module by module.
+int cmd_watch(const Options& o, int argc, char** argv)
+{
+    int interval = 1000, left = -1;
+    for (; argc >= 2 && (!strcmp(argv[0], "-i") || !strcmp(argv[0], "-n")); argc -= 2, argv += 2)
+        if (!parse_int(argv[1], 1, 86400000, argv[0][1] == 'i' ? &interval : &left))
+            return fail("watch: -i and -n want a positive number, got '%s'", argv[1]);
+    if (argc < 1)
+        return fail("watch: MODULE missing (try: paramctl help watch)");
+    std::vector<std::string> members(argv + 1, argv + argc);
+    std::map<std::string, std::string> last;
+    bool first = true, silent = false;
+    for (;;) {
+        Json reply;
+        const cJSON* values = nullptr;
+        int st = read_module(o, argv[0], members, &reply, &values);
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        char stamp[40];
+        tm local{};
+        strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", localtime_r(&now.tv_sec, &local));
+        snprintf(stamp + strlen(stamp), 8, ".%03d", static_cast<int>(now.tv_nsec / 1000000) % 1000);
+        if (st == kNoReply) {
+            if (!silent)
+                printf("%s (no reply from the server)\n", stamp);
+            silent = true;
+        } else if (st != kOk) {
+            return st;
+        } else {
+            silent = false;
+            for (const cJSON* v = values->child; v; v = v->next) {
+                std::string text = printed(v, true), &was = last[v->string];
+                if (!first && text != was) {
+                    printf("%s %s.%s %s -> %s\n", stamp, argv[0], v->string, was.c_str(), text.c_str());
+                    if (left > 0 && --left == 0)
+                        return fflush(stdout), kOk;
+                }
+                was = text;
+            }
+            first = false;
+        }
+        fflush(stdout);
+        usleep(static_cast<useconds_t>(interval) * 1000);
+    }
+}
+
 int cmd_import(const Options& o, int argc, char** argv)
 {
     if (argc != 1)
@@ -770,6 +885,8 @@ int cmd_web(const Options& o, int argc, char** argv)
     std::string reply;
     int r = exchange(o, text ? text : "", &reply);
     free(text);
+    if (!r && reply == std::string(argv[1]) + "=null")
+        return error(std::string(argv[1]) + ": no such page in the server's mapping file");
     return r ? r : show_form(o, reply);
 }
 
@@ -879,6 +996,15 @@ const Command kCommands[] = {
      "is named; that needs describe), ready for import.\n"
      "  paramctl show video0 netport > settings.txt\n",
      cmd_show},
+    {"watch", "watch [-i MS] [-n N] MODULE [MEMBER...]",
+     "print each change of members as it happens",
+     "Reads the members (all when none is named) every MS milliseconds\n"
+     "(default 1000) and prints each change with the local time, like\n"
+     "redis-cli monitor, until Ctrl-C or N changes (-n). A server that stops\n"
+     "answering is said once; watching goes on.\n"
+     "  paramctl watch video0 gop bitRate\n"
+     "  2026-11-24T20:01:02.345 video0.gop 60 -> 25\n",
+     cmd_watch},
     {"import", "import FILE|-",
      "apply MODULE.MEMBER=VALUE lines",
      "Applies MODULE.MEMBER=VALUE lines (as show prints them; blank lines and\n"
@@ -970,8 +1096,25 @@ void main_usage(FILE* out)
                  "  paramctl --host camera.local save\n");
 }
 
+bool parse_int(const char* text, int lo, int hi, int* out)
+{
+    char* end = nullptr;
+    errno = 0;
+    long v = strtol(text, &end, 10);
+    if (!*text || *end || errno || v < lo || v > hi)
+        return false;
+    *out = static_cast<int>(v);
+    return true;
+}
+
 bool resolve(Options* o)
 {
+    // HOST:PORT (one colon: IPv4 or a name; the server serves IPv4 only).
+    if (size_t colon = o->host.find(':'); colon != std::string::npos && o->host.find(':', colon + 1) == std::string::npos) {
+        if (!parse_int(o->host.c_str() + colon + 1, 1, 65535, &o->port))
+            return false;
+        o->host.resize(colon);
+    }
     addrinfo hints{};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_DGRAM;
@@ -984,16 +1127,6 @@ bool resolve(Options* o)
     return true;
 }
 
-bool parse_int(const char* text, int lo, int hi, int* out)
-{
-    char* end = nullptr;
-    errno = 0;
-    long v = strtol(text, &end, 10);
-    if (!*text || *end || errno || v < lo || v > hi)
-        return false;
-    *out = static_cast<int>(v);
-    return true;
-}
 
 } // namespace
 
@@ -1032,8 +1165,36 @@ int main(int argc, char** argv)
     const Command* cmd = find_command(argv[optind]);
     if (!cmd)
         return fail("unknown command '%s' (try: paramctl --help)", argv[optind]);
-    int sub_argc = argc - optind - 1;
-    char** sub_argv = argv + optind + 1;
+    // Options after the command are taken too (paramctl get video0 --json);
+    // only the long forms and -j, so that values like -5 stay values.
+    std::vector<char*> rest;
+    for (int i = optind + 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto value = [&](const char* name) -> const char* {
+            std::string n = std::string("--") + name;
+            if (a == n)
+                return i + 1 < argc ? argv[++i] : "";
+            return a.compare(0, n.size() + 1, n + "=") == 0 ? argv[i] + n.size() + 1 : nullptr;
+        };
+        if (a == "--") {
+            rest.insert(rest.end(), argv + i + 1, argv + argc);
+            break;
+        } else if (a == "--json" || a == "-j") {
+            o.raw_json = true;
+        } else if (const char* h = value("host")) {
+            o.host = h;
+        } else if (const char* p = value("port")) {
+            if (!parse_int(p, 1, 65535, &o.port))
+                return fail("--port wants a number from 1 to 65535, got '%s'", p);
+        } else if (const char* t = value("timeout")) {
+            if (!parse_int(t, 1, 3600000, &o.timeout_ms))
+                return fail("--timeout wants a positive number of milliseconds, got '%s'", t);
+        } else {
+            rest.push_back(argv[i]);
+        }
+    }
+    int sub_argc = static_cast<int>(rest.size());
+    char** sub_argv = rest.data();
     for (int i = 0; i < sub_argc; ++i)
         if (strcmp(sub_argv[i], "--help") == 0 || strcmp(sub_argv[i], "-h") == 0) {
             char* name = argv[optind];
