@@ -2,7 +2,8 @@
 # Runs examples/host in a scratch read-write directory and talks to it
 # through port 6800 with paramctl: its API command answers and sets a
 # member (member callback), a set request reaches its page callback, and
-# SIGTERM stops it with every module saved.
+# SIGTERM stops it with every module saved (and says which not, when a
+# save fails).
 # usage: host_example.sh HOST_EXAMPLE PARAMCTL DEVICE_DIR   (run through netns.sh)
 set -eu
 # On the shared port (no private namespace) queue with the other port tests.
@@ -40,4 +41,19 @@ pid=
 grep -q 'every module saved' "$work/out" || fail "no orderly stop"
 tr -d ' \n\t\0' <"$work/rw/video_cur.json" | grep -q '"gop":25,.*"bitRate":6000\|"bitRate":6000,"gop":25' ||
     fail "video_cur.json: $(cat "$work/rw/video_cur.json")"
+# A stop whose save fails (the read-write directory gone) says which module
+# was not saved and exits 1.
+mkdir "$work/rw2"
+"$host" "$device" "$work/rw2" >"$work/out" 2>&1 &
+pid=$!
+i=0
+until "$ctl" --timeout 200 set video0 gop=26 >/dev/null 2>&1; do
+    i=$((i + 1)); [ $i -lt 50 ] || fail "no answer from the second host"
+done
+rm -rf "$work/rw2" && touch "$work/rw2"
+kill -TERM "$pid"
+status=0; wait "$pid" || status=$?
+pid=
+[ $status = 1 ] && grep -q 'video_cur.json not written' "$work/out" && grep -q 'the final save logged [0-9]* error' "$work/out" ||
+    fail "a failed stop save: status $status"
 echo "host example ok"

@@ -16,6 +16,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+static volatile sig_atomic_t stop_errors;
+
+/* Log lines of the final save: written as before, error lines counted. */
+static void count_errors(int level, const char* line)
+{
+    if (level <= 3)
+        ++stop_errors;
+    fputs(line, stderr);
+}
+
 static volatile sig_atomic_t member_changes;
 static volatile sig_atomic_t page_changes;
 
@@ -92,7 +102,14 @@ int main(int argc, char** argv)
 
     int sig = 0;
     sigwait(&stop, &sig);
+    /* The stop saves every module and returns 0 whatever happened; a save
+     * that fails says so in an error line, which the host counts here. */
+    dbgout_profile.log_cb = count_errors;
     platformparam_stop(1);
-    printf("host: stopped by signal %d, every module saved\n", sig);
-    return 0;
+    dbgout_profile.log_cb = NULL;
+    if (stop_errors)
+        printf("host: stopped by signal %d; the final save logged %d error(s), see above\n", sig, (int)stop_errors);
+    else
+        printf("host: stopped by signal %d, every module saved\n", sig);
+    return stop_errors ? 1 : 0;
 }
