@@ -56,6 +56,7 @@ constexpr size_t reply_max = 65536;
 
 struct Field {
     std::string name, module, member, kind, mark;
+    std::string also; // further members the field writes ("isp0.hue, ...")
 };
 struct Page {
     std::string name;
@@ -107,10 +108,11 @@ std::optional<std::vector<Page>> load_pages(const std::string& path)
             cJSON_ArrayForEach(member, cJSON_GetObjectItem(map.get(), module->valuestring))
             {
                 Field f{mapping_string(member, 0), module->valuestring, member->string,
-                        mapping_string(member, 1), mapping_string(member, 2)};
+                        mapping_string(member, 1), mapping_string(member, 2), {}};
                 bool seen = f.name.empty();
-                for (const Field& g : page.fields)
-                    seen = seen || g.name == f.name;
+                for (Field& g : page.fields)
+                    if (g.name == f.name && !seen) // one field, several members
+                        g.also += (g.also.empty() ? "" : ", ") + f.module + "." + f.member, seen = true;
                 if (!seen)
                     page.fields.push_back(f);
             }
@@ -245,6 +247,32 @@ std::string hint(const Field& f)
     return h + (f.kind == "S" ? ", text" : "");
 }
 
+// A number of thousands as text, exact ("4.5", "0.512", "4").
+std::string thousands(double v)
+{
+    char t[48];
+    std::snprintf(t, sizeof t, "%.3f", v / 1000);
+    std::string out = t;
+    while (out.back() == '0')
+        out.pop_back();
+    if (out.back() == '.')
+        out.pop_back();
+    return out;
+}
+
+// A plain label from the member's name ("bitRate" -> "Bit rate").
+std::string label(const Field& f)
+{
+    std::string out;
+    for (char c : f.member) {
+        if (c == '_' || (std::isupper(static_cast<unsigned char>(c)) && !out.empty() && out.back() != ' '))
+            out += ' ';
+        if (c != '_')
+            out += static_cast<char>(out.empty() ? std::toupper(static_cast<unsigned char>(c)) : std::tolower(static_cast<unsigned char>(c)));
+    }
+    return out + " (" + f.name + ")";
+}
+
 /* ---- what the camera says of its members (paramd's describe) ----------- */
 
 using Json = std::unique_ptr<cJSON, void (*)(cJSON*)>;
@@ -281,6 +309,18 @@ struct Described {
             return m;
         return nullptr;
     }
+    // ", 1 to 300" in the units the form shows, for numbers the camera describes.
+    std::string range(const Field& f)
+    {
+        const cJSON* m = member(f);
+        const cJSON *lo = cJSON_GetObjectItem(m, "min"), *hi = cJSON_GetObjectItem(m, "max");
+        if (cJSON_GetObjectItem(m, "names") || !cJSON_IsNumber(lo) || !cJSON_IsNumber(hi))
+            return "";
+        auto shown = [&](double v) {
+            return f.mark == "K" ? thousands(v) : std::to_string(static_cast<long long>(v) + (f.mark == "P" ? 1 : 0));
+        };
+        return ", " + shown(lo->valuedouble) + " to " + shown(hi->valuedouble);
+    }
     // What the member accepts, as the camera describes it.
     std::string accepted(const Field& f)
     {
@@ -298,6 +338,42 @@ struct Described {
         return out.empty() ? "refused by the camera" : "refused by the camera; it accepts " + out;
     }
 };
+
+/* ---- what a page shows ------------------------------------------------------ */
+
+/* The page's values as the form shows them: the web read's form text, put
+ * right where that text cannot carry the camera's value faithfully (read
+ * through a JSON get): a "K" value the text rounds (512 shows as 0.5) is
+ * shown exactly (0.512), and a text holding "&" or "=", which the form text
+ * splits into other fields, is shown whole and kept read-only (locked says
+ * why). */
+bool displayed(const Page& page, Form& values, Form& locked, std::string& error)
+{
+    if (!read_page(page, values, error))
+        return false;
+    Json req(cJSON_CreateObject(), cJSON_Delete);
+    cJSON_AddStringToObject(req.get(), "msg_type", "get");
+    for (const Field& f : page.fields) {
+        cJSON* list = cJSON_GetObjectItem(req.get(), f.module.c_str());
+        if (!list)
+            list = cJSON_AddArrayToObject(req.get(), f.module.c_str());
+        cJSON_AddItemToArray(list, cJSON_CreateString(f.member.c_str()));
+    }
+    std::unique_ptr<char, void (*)(void*)> text(cJSON_PrintUnformatted(req.get()), std::free);
+    auto reply = text && std::strlen(text.get()) <= request_max ? ask(text.get()) : std::nullopt;
+    Json exact(reply ? cJSON_Parse(reply->c_str()) : nullptr, cJSON_Delete);
+    for (const Field& f : page.fields) {
+        const cJSON* v = cJSON_GetObjectItem(cJSON_GetObjectItem(exact.get(), f.module.c_str()), f.member.c_str());
+        if (f.mark == "K" && cJSON_IsNumber(v) && values.count(f.name))
+            values[f.name] = thousands(v->valuedouble);
+        if (cJSON_IsString(v) && values.count(f.name)) // a text the form text split shows whole
+            values[f.name] = v->valuestring;
+        if (cJSON_IsString(v) && std::strpbrk(v->valuestring, "&=")) {
+            locked[f.name] = "the camera holds a text with \"&\" or \"=\", which the form cannot carry: shown as held, read only here";
+        }
+    }
+    return true;
+}
 
 /* ---- access: password, sessions, origin --------------------------------- */
 
@@ -502,7 +578,8 @@ std::string logout_form(const Guard& g, const Session& s)
 
 std::string index_page(const std::vector<Page>& pages, const Guard& g, const Session& s)
 {
-    std::string body = logout_form(g, s) + "<h1>Camera settings</h1>\n<ul class=\"pages\">\n";
+    std::string body = logout_form(g, s) + "<h1>Camera settings</h1>\n<p><a href=\"/status\">status</a></p>\n"
+                       "<ul class=\"pages\">\n";
     for (const Page& p : pages) {
         std::string modules;
         for (const std::string& m : p.modules)
@@ -527,7 +604,7 @@ std::string login_page(const Session& s, const std::string& status)
  * the page was shown (a hidden twin, so that a save writes only what the user
  * changed and notices what the camera changed meanwhile), and a note. */
 struct Shown {
-    Form typed, device, notes;
+    Form typed, device, notes, locked; // locked: fields shown read-only, with why
 };
 
 std::string form_page(const Page& page, const Shown& v, const std::string& status, bool failed,
@@ -538,24 +615,38 @@ std::string form_page(const Page& page, const Shown& v, const std::string& statu
         body += std::string("<p id=\"status\" class=\"") + (failed ? "error" : "ok") + "\">" + html(status) +
                 "</p>\n";
     body += "<form method=\"post\" action=\"/page/" + html(page.name) + "\">" + token_input(s) + "\n";
-    std::map<std::string, int> writes; // fields that write several members
-    for (const Field& f : page.fields)
-        ++writes[f.name];
     for (const Field& f : page.fields) {
         const auto typed = v.typed.find(f.name), device = v.device.find(f.name);
         const auto note = v.notes.find(f.name);
-        bool known = typed != v.typed.end(), read_only = d.read_only(f.module);
-        body += "<label><span>" + html(f.name) + "</span><input name=\"" + html(f.name) + "\" value=\"" +
-                html(known ? typed->second : "") + "\"" + (known && !read_only ? "" : " disabled") + ">";
+        bool known = typed != v.typed.end(), read_only = d.read_only(f.module) || v.locked.count(f.name);
+        const cJSON* m = d.member(f);
+        const cJSON* names = cJSON_GetObjectItem(m, "names");
+        std::string list;
+        if (cJSON_IsArray(names)) { // suggestions, not a limit: the camera decides
+            list = "<datalist id=\"names-" + html(f.name) + "\">";
+            const cJSON* n;
+            cJSON_ArrayForEach(n, names)
+            if (cJSON_IsString(n))
+                list += "<option value=\"" + html(n->valuestring) + "\">";
+            list += "</datalist>";
+        }
+        const char* mode = f.kind == "S" || list.size() ? "" : f.mark == "K" || f.mark == "F" ? " inputmode=\"decimal\"" : " inputmode=\"numeric\"";
+        body += "<label><span>" + html(label(f)) + "</span><input name=\"" + html(f.name) + "\" value=\"" +
+                html(known ? typed->second : "") + "\"" + mode + (list.empty() ? "" : " list=\"names-" + html(f.name) + "\"") +
+                (known && !read_only ? "" : " disabled") + ">" + list;
         if (device != v.device.end())
             body += "<input type=\"hidden\" name=\"shown:" + html(f.name) + "\" value=\"" + html(device->second) + "\">";
-        body += "<small>" + html(hint(f)) + (read_only ? "; read only: the camera takes no writes to " + html(f.module) : "") +
-                "</small>";
+        body += "<small>" + html(hint(f) + d.range(f)) + (d.read_only(f.module) ? "; read only: the camera takes no writes to " + html(f.module) : "") +
+                (f.also.empty() ? "" : "; this field also writes " + html(f.also)) + "</small>";
+        if (v.locked.count(f.name) && !v.notes.count(f.name))
+            body += "<em class=\"error\">" + html(v.locked.at(f.name)) + "</em>";
         if (note != v.notes.end())
             body += "<em class=\"error\">" + html(note->second) + "</em>";
         body += "</label>\n";
     }
     body += "<button type=\"submit\">Save</button> <a href=\"/page/" + html(page.name) + "\">reload</a>\n</form>\n";
+    body += "<form class=\"reset\" method=\"post\" action=\"/page/" + html(page.name) + "/reset\">" + token_input(s) +
+            "<button type=\"submit\">Reset this page to defaults</button></form>\n";
     return layout(page.name, body);
 }
 
@@ -565,7 +656,7 @@ void show_page(const Page& page, httplib::Response& res, const Guard& g, const S
     Described d;
     Form values;
     std::string error;
-    if (!read_page(page, values, error)) {
+    if (!displayed(page, values, v.locked, error)) {
         res.status = 502;
         res.set_content(form_page(page, {}, error, true, d, g, s), kHtml);
         return;
@@ -595,9 +686,9 @@ bool holds(const Field& f, const std::string& now, const std::string& sent)
 void save_page(const Page& page, const httplib::Request& req, httplib::Response& res, const Guard& g,
                const Session& s)
 {
-    Form now;
+    Form now, locked;
     std::string error, data;
-    if (!read_page(page, now, error))
+    if (!displayed(page, now, locked, error))
         return show_page(page, res, g, s);
     Described d;
     Shown v;
@@ -612,6 +703,7 @@ void save_page(const Page& page, const httplib::Request& req, httplib::Response&
             continue;
         v.typed[f.name] = value, v.device[f.name] = shown;
         std::string why = d.read_only(f.module) ? "read only: the camera takes no writes to " + f.module
+                          : locked.count(f.name) ? locked[f.name]
                           : now[f.name] != shown ? "changed on the camera since the page was shown (now " + now[f.name] +
                                                        "): not written; reload to see it"
                                                  : refusal(f, value);
@@ -641,8 +733,8 @@ void save_page(const Page& page, const httplib::Request& req, httplib::Response&
         fprintf(stderr, "paramweb: page %s: no reply to the write\n", page.name.c_str());
         return show_page(page, res, g, s, "no reply from the parameter server", true);
     }
-    Form after;
-    if (!read_page(page, after, error))
+    Form after, after_locked;
+    if (!displayed(page, after, after_locked, error))
         return show_page(page, res, g, s, "written, but the page cannot be read back: " + error, true);
     std::string saved, refused;
     Shown back;
@@ -660,6 +752,53 @@ void save_page(const Page& page, const httplib::Request& req, httplib::Response&
     fprintf(stderr, "paramweb: page %s: the camera refused %s\n", page.name.c_str(), refused.c_str());
     res.status = 422;
     show_page(page, res, g, s, "not saved: " + refused + (saved.empty() ? "" : "; saved: " + saved), true, back);
+}
+
+/* "Reset this page to defaults": every writable member of the page gets the
+ * default the camera describes, in one JSON write per module; the page then
+ * shows what the camera holds. */
+void reset_page(const Page& page, httplib::Response& res, const Guard& g, const Session& s)
+{
+    Described d;
+    Json req(cJSON_CreateObject(), cJSON_Delete);
+    cJSON_AddStringToObject(req.get(), "msg_type", "set");
+    std::string names;
+    for (const Field& f : page.fields) {
+        const cJSON* def = cJSON_GetObjectItem(d.member(f), "def");
+        if (!def || d.read_only(f.module))
+            continue;
+        cJSON* module = cJSON_GetObjectItem(req.get(), f.module.c_str());
+        if (!module)
+            module = cJSON_AddObjectToObject(req.get(), f.module.c_str());
+        if (!cJSON_GetObjectItem(module, f.member.c_str()))
+            cJSON_AddItemToObject(module, f.member.c_str(), cJSON_Duplicate(def, 1));
+        names += (names.empty() ? "" : ", ") + f.name;
+    }
+    if (names.empty())
+        return show_page(page, res, g, s, "nothing to reset: the camera describes no defaults for this page", true);
+    std::unique_ptr<char, void (*)(void*)> text(cJSON_PrintUnformatted(req.get()), std::free);
+    if (std::strlen(text.get()) > request_max || !ask(text.get()))
+        return show_page(page, res, g, s, "not reset: no reply from the parameter server", true);
+    fprintf(stderr, "paramweb: page %s reset to defaults\n", page.name.c_str());
+    show_page(page, res, g, s, "reset to the camera's defaults: " + names);
+}
+
+// Version, uptime and directories of the server (paramd's status command).
+std::string status_page(const Guard& g, const Session& s)
+{
+    auto reply = ask(R"({"msg_type":"getInfo","msg_name":"status"})");
+    Json st(reply ? cJSON_Parse(reply->c_str()) : nullptr, cJSON_Delete);
+    std::string body = logout_form(g, s) + "<p><a href=\"/\">all pages</a></p>\n<h1>Status</h1>\n";
+    if (!cJSON_GetObjectItem(st.get(), "version"))
+        return layout("Status", body + "<p id=\"status\" class=\"error\">the parameter server gives no status "
+                                        "(paramd's status command): " + html(reply ? *reply : "no reply") + "</p>\n");
+    body += "<table class=\"status\">\n";
+    for (const cJSON* item = st->child; item; item = item->next) {
+        std::unique_ptr<char, void (*)(void*)> v(cJSON_PrintUnformatted(item), std::free);
+        std::string text = cJSON_IsString(item) ? item->valuestring : v ? v.get() : "";
+        body += "<tr><th>" + html(item->string ? item->string : "") + "</th><td>" + html(text) + "</td></tr>\n";
+    }
+    return layout("Status", body + "</table>\n");
 }
 
 void usage(FILE* out)
@@ -874,6 +1013,14 @@ int main(int argc, char** argv)
             res.set_content(layout("not found", "<p>No such page. <a href=\"/\">All pages</a></p>\n"), kHtml);
         };
     };
+    web.Get("/status", [&](const httplib::Request& req, httplib::Response& res) {
+        res.set_content(status_page(guard, guard.session(req, res)), kHtml);
+    });
+    web.Post(R"(/page/([^/]+)/reset)", with_page([&](const Page& p, const httplib::Request& req, httplib::Response& res) {
+                 Session s;
+                 if (token_ok(req, res, s))
+                     reset_page(p, res, guard, s);
+             }));
     web.Get(R"(/page/([^/]+))", with_page([&](const Page& p, const httplib::Request& req, httplib::Response& res) {
                 show_page(p, res, guard, guard.session(req, res));
             }));

@@ -76,9 +76,8 @@ def library_values(page):
         v = reply.get(module, {}).get(member)
         if isinstance(v, str):
             shown[field] = v
-        elif v is not None and mark == "K":
-            single = struct.unpack("f", struct.pack("f", v / 1000))[0]
-            shown[field] = str(int(v / 1000)) if v % 1000 == 0 else "%.1f" % single
+        elif v is not None and mark == "K":  # exact, where the form text would round
+            shown[field] = ("%.3f" % (v / 1000)).rstrip("0").rstrip(".")
         elif v is not None:
             shown[field] = "%.2f" % v if mark == "F" else str(v + 1 if mark == "P" else int(v))
     return shown
@@ -182,13 +181,14 @@ try:
         drv.get(f"{BASE}/page/{page}")
         check(shown_values() == library_values(page), f"page {page} shows the library's current values")
 
-    # The sub stream's 512 shows as 0.5: saving it back would store 500.
+    # The sub stream's 512, which the form text rounds to 0.5, shows exactly.
     direct({"msg_type": "set", "video1": {"bitRate": 512}})
     drv.get(BASE + "/")
     drv.find_element(By.LINK_TEXT, "encode").click()
     WebDriverWait(drv, 20).until(lambda d: d.title == "encode")
     before = library_values("encode")
-    check(before["sub_bitrate"] == "0.5", "a thousands value that the form text rounds is shown rounded")
+    check(before["sub_bitrate"] == "0.512" and shown_values()["sub_bitrate"] == "0.512",
+          "a thousands value that the form text would round is shown exactly")
     untouched = direct({"msg_type": "get", "video0": ["all"], "video1": ["all"]})
     check(submit({}) == "nothing changed, nothing sent", "an untouched page sends nothing")
     check(direct({"msg_type": "get", "video0": ["all"], "video1": ["all"]}) == untouched,
@@ -261,6 +261,25 @@ try:
     check(status.startswith("nothing saved"), "a number field refuses a text that is not a number")
     check(direct({"msg_type": "get", "video0": ["gop"], "video1": ["protocol"]}) == held, "refused values never reach the library")
 
+
+    # A text the form would split is shown whole and read-only; status; reset to defaults.
+    ip = direct({"msg_type": "get", "netport": ["ipaddr"]})["netport"]["ipaddr"]
+    direct({"msg_type": "set", "netport": {"http_port": "80&net_ip=6.6.6.6"}})
+    drv.get(BASE + "/page/network")
+    http_field, ip_field = drv.find_element(By.NAME, "net_http"), drv.find_element(By.NAME, "net_ip")
+    check(http_field.get_attribute("value") == "80&net_ip=6.6.6.6" and not http_field.is_enabled() and
+          ip_field.get_attribute("value") == ip, "a text holding & and = is shown as held, read-only")
+    direct({"msg_type": "set", "netport": {"http_port": "80"}})
+    drv.get(BASE + "/status")
+    check("version" in drv.find_element(By.CSS_SELECTOR, "table.status").text, "the status page shows the server's status")
+    drv.get(BASE + "/page/encode")
+    old = drv.find_element(By.TAG_NAME, "html")
+    drv.find_element(By.CSS_SELECTOR, "form.reset button").click()
+    WebDriverWait(drv, 20).until(expected_conditions.staleness_of(old))
+    defaults = {m["member"]: m["def"] for m in direct({"msg_type": "getInfo", "msg_name": "describe", "module": "video0"})["members"]}
+    now = direct({"msg_type": "get", "video0": ["all"]})["video0"]
+    check(drv.find_element(By.ID, "status").text.startswith("reset to the camera's defaults") and
+          all(now[k] == defaults[k] for k in ("gop", "frameRate", "bitRate", "protocol")), f"reset to defaults: {now}")
 
     for path, want in (("/page/nosuch", 404), ("/nosuch", 404), ("/static/layout.html", 404),
                        ("/static/nosuch.js", 404), ("/static/style.css", 200)):
