@@ -8,7 +8,7 @@ BUILD    ?= build
 TYPE     ?= RelWithDebInfo
 JOBS     ?= $(shell nproc)
 RUN_DIR  ?= /tmp/paramd-rw
-LOGLEVEL ?= 6
+LOGLEVEL ?= 3
 BIND     ?= 127.0.0.1
 # What a minimal Debian lacks for building, testing and packaging; one name a
 # line so that additions stay one-line changes.

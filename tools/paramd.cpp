@@ -50,8 +50,9 @@ void usage(FILE* out)
             "                       (default www2json.json)\n"
             "  -b, --bind ADDR      serve on this IPv4 address or host name only (default:\n"
             "                       every local address)\n"
-            "  -l, --log-level N    library log level: 3 errors, 6 information, 7 detail\n"
-            "                       (default 6)\n"
+            "  -l, --log-level N    library log level: 3 errors (default: a set is one\n"
+            "                       line, paramd's own), 6 information (about a hundred\n"
+            "                       lines per request), 7 detail\n"
             "  -c, --conf-save      write .conf modules back (off by default, as on the device)\n"
             "  -h, --help           print this help and exit\n"
             "  -V, --version        print the version and exit\n"
@@ -476,7 +477,7 @@ bool is_dir(const char* path)
 int main(int argc, char** argv)
 {
     static std::string ro, rw = "/data", map, bind_name;
-    int level = 6;
+    int level = 3;
     int conf_save = 0;
     static const option opts[] = {
         {"ro", required_argument, nullptr, 'r'},        {"rw", required_argument, nullptr, 'w'},
