@@ -362,9 +362,11 @@ try:
     check(r.returncode == 0 and open(pwfile).read().startswith("admin:$y$"), "paramweb passwd stores a yescrypt hash")
     r = web("--listen", "0.0.0.0:1", "--map", MAP)
     check(r.returncode == 1 and "not a loopback address" in r.stderr, "without a password file nothing off loopback is served")
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        port3 = s.getsockname()[1]
+    def free_port():
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            return s.getsockname()[1]
+    port3, port4 = free_port(), free_port()
     base3 = f"http://127.0.0.1:{port3}"
     procs.insert(1, subprocess.Popen([f"{BUILD}/tools/paramweb", "--listen", f"[::]:{port3}", "--map", MAP,
                                       "--password-file", pwfile], stdout=log, stderr=log))
@@ -386,11 +388,11 @@ try:
     # HTTPS with a certificate and key; the cookie is then only sent over it.
     subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj", "/CN=localhost",
                     "-keyout", f"{work}/key.pem", "-out", f"{work}/cert.pem"], capture_output=True, check=True)
-    procs.insert(1, subprocess.Popen([f"{BUILD}/tools/paramweb", "--listen", f"127.0.0.1:{port3 + 1}", "--map", MAP,
+    procs.insert(1, subprocess.Popen([f"{BUILD}/tools/paramweb", "--listen", f"127.0.0.1:{port4}", "--map", MAP,
                                       "--cert", f"{work}/cert.pem", "--key", f"{work}/key.pem"], stdout=log, stderr=log))
     tls = ssl.create_default_context(cafile=f"{work}/cert.pem")
     tls.check_hostname = False
-    r = wait_for(lambda: urllib.request.urlopen(f"https://127.0.0.1:{port3 + 1}/", context=tls), "paramweb over HTTPS")
+    r = wait_for(lambda: urllib.request.urlopen(f"https://127.0.0.1:{port4}/", context=tls), "paramweb over HTTPS")
     check(r.status == 200 and "Secure" in r.headers["Set-Cookie"], "HTTPS serves the pages with a Secure cookie")
 
     procs[0].send_signal(signal.SIGTERM)
