@@ -19,11 +19,13 @@
 #include <filesystem>
 #include <fstream>
 #include <algorithm>
+#include <atomic>
 #include <iostream>
 #include <map>
 #include <mutex>
 #include <random>
 #include <set>
+#include <thread>
 #include <sstream>
 
 namespace {
@@ -429,6 +431,28 @@ const PowerCase kPowerCases[] = {{"save", 1, 2, 0, true}, {"first_save", 0, 2, 1
     {"in_place_longer", 2, 1, 2, true}, {"older_factory_store", 0, 0, 3, true}, {"older_misc_layout", 1, 2, 4, true},
     {"self_check_without_fsync", 1, 2, 0, false}};
 DURABLE_SUITE(Durable, PowerCuts, kPowerCases);
+
+/* Two writers of one file without a lock (two processes, or a first save
+ * of a new .conf file): neither removes the other's temporary file, so every
+ * write lands and the file always holds one whole text. */
+TEST(Durable, WritersWithoutALockNeverBreakEachOther)
+{
+    test::TempDir dir;
+    std::string path = dir.rw() + "/shared.conf";
+    std::atomic<int> failed{0}, torn{0};
+    auto writer = [&](char c) {
+        std::string text(3000, c);
+        for (int i = 0; i < 300; ++i) {
+            failed += para::durable_write("writer", path.c_str(), text.data(), text.size(), false) != 0;
+            std::string now = test::read_file(path).value_or("");
+            torn += now.size() != 3000 || now.find_first_not_of(now[0]) != std::string::npos;
+        }
+    };
+    std::thread a(writer, 'a'), b(writer, 'b');
+    a.join(), b.join();
+    EXPECT_EQ(failed.load(), 0);
+    EXPECT_EQ(torn.load(), 0);
+}
 
 // Current files a module did not load stay; damaged ones are set aside as .bad.
 SCENARIO_TESTS(Leftovers, "leftovers", false);
