@@ -432,6 +432,27 @@ const PowerCase kPowerCases[] = {{"save", 1, 2, 0, true}, {"first_save", 0, 2, 1
     {"self_check_without_fsync", 1, 2, 0, false}};
 DURABLE_SUITE(Durable, PowerCuts, kPowerCases);
 
+/* A writer that may write a file but not give it away (not root, the file
+ * another user's) rewrites it where it is: the owner stays. */
+TEST(Durable, AFileKeepsItsOwnerWhenTheWriterCannotGiveItAway)
+{
+    test::TempDir dir;
+    std::string path = plain(dir.rw());
+    if (chmod(path.c_str(), 0666) || chown(path.c_str(), 1234, 1234) || chmod(dir.rw().c_str(), 0777) ||
+        chmod(dir.path().c_str(), 0755))
+        GTEST_SKIP() << "cannot hand the file to another user here: " << strerror(errno);
+    std::string got = test::in_child([&] {
+        return setgid(65534) || setuid(65534) ? "skip" : std::to_string(para::durable_write("caller", path.c_str(), "new", 3));
+    });
+    if (got == "skip")
+        GTEST_SKIP() << "cannot become another user here";
+    struct stat st{};
+    stat(path.c_str(), &st);
+    EXPECT_EQ(got, "0");
+    EXPECT_EQ(test::read_file(path), "new");
+    EXPECT_EQ(st.st_uid, 1234u);
+}
+
 /* Two writers of one file without a lock (two processes, or a first save
  * of a new .conf file): neither removes the other's temporary file, so every
  * write lands and the file always holds one whole text. */
