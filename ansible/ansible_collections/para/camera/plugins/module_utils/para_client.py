@@ -21,6 +21,11 @@ class ParaError(Exception):
     pass
 
 
+def camera_argument_spec():
+    """The options of every module: where the camera is (doc fragment para.camera.camera)."""
+    return dict(host=dict(type='str'), port=dict(type='int', default=6800), timeout=dict(type='int', default=2000))
+
+
 class ParaClient(object):
     def __init__(self, host, port=6800, timeout_ms=2000, attempts=2):
         self.addr = (host, int(port))

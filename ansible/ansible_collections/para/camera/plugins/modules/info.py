@@ -15,18 +15,9 @@ description:
   - "Runs on the controller: use C(connection: local) or C(delegate_to: localhost)."
 version_added: "1.0.0"
 author: para developers
+extends_documentation_fragment:
+  - para.camera.camera
 options:
-  host:
-    description: Address or name of the camera. Defaults to C(ansible_host), else the inventory host name.
-    type: str
-  port:
-    description: UDP port of the parameter server.
-    type: int
-    default: 6800
-  timeout:
-    description: Milliseconds to wait for each reply.
-    type: int
-    default: 2000
   modules:
     description: Modules to read; by default every module the camera describes.
     type: list
@@ -59,7 +50,7 @@ describe:
 '''
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible_collections.para.camera.plugins.module_utils.para_client import ParaClient, ParaError
+from ansible_collections.para.camera.plugins.module_utils.para_client import ParaClient, ParaError, camera_argument_spec
 
 # The modules of a camera built on the library, for hosts without describe.
 KNOWN = ["isp0", "isp1", "af", "video0", "video1", "video2", "video3", "video4", "video5", "audio", "misc"]
@@ -68,9 +59,7 @@ KNOWN = ["isp0", "isp1", "af", "video0", "video1", "video2", "video3", "video4",
 def main():
     module = AnsibleModule(
         argument_spec=dict(
-            host=dict(type='str'),
-            port=dict(type='int', default=6800),
-            timeout=dict(type='int', default=2000),
+            camera_argument_spec(),
             modules=dict(type='list', elements='str'),
             describe=dict(type='bool', default=False),
         ),

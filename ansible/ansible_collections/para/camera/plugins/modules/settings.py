@@ -18,18 +18,9 @@ description:
   - Supports check mode (reports what would change, writes nothing) and diff mode.
 version_added: "1.0.0"
 author: para developers
+extends_documentation_fragment:
+  - para.camera.camera
 options:
-  host:
-    description: Address or name of the camera. Defaults to C(ansible_host), else the inventory host name.
-    type: str
-  port:
-    description: UDP port of the parameter server.
-    type: int
-    default: 6800
-  timeout:
-    description: Milliseconds to wait for each reply (each request is sent at most twice).
-    type: int
-    default: 2000
   settings:
     description:
       - "Module name to a dictionary of member name to value, for example
@@ -77,15 +68,13 @@ values:
 
 from ansible.module_utils.basic import AnsibleModule
 from ansible_collections.para.camera.plugins.module_utils.para_client import (
-    ParaClient, ParaError, accepted, as_device_type, same)
+    ParaClient, camera_argument_spec, ParaError, accepted, as_device_type, same)
 
 
 def main():
     module = AnsibleModule(
         argument_spec=dict(
-            host=dict(type='str'),
-            port=dict(type='int', default=6800),
-            timeout=dict(type='int', default=2000),
+            camera_argument_spec(),
             settings=dict(type='dict', required=True),
         ),
         supports_check_mode=True,
