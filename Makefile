@@ -32,7 +32,7 @@ PACKAGES := \
   ansible-core \
   lintian
 
-.PHONY: all deps configure build run test test-repeat test-asan test-tsan bench clean deb deb-arm64 web coverage test-size
+.PHONY: all deps configure build run mutation test test-repeat test-asan test-tsan bench clean deb deb-arm64 web coverage test-size
 
 all: build
 
@@ -121,6 +121,12 @@ coverage:
 
 # Test code against the rest, counted as the pre-stop check does: every line
 # of tracked C/C++ files; tests/ and fuzz/ on one side. Fails above a third.
+# Mutation score: N mutants of the library drawn with SEED, each built in
+# build-mutation/ and run against the whole suite (slow: about a minute each).
+SEED ?= 1
+mutation:
+	python3 tests/mutation.py $(N) $(SEED)
+
 test-size:
 	@git rev-parse --is-inside-work-tree >/dev/null 2>&1 || { echo "test-size counts the files git tracks: run it in a git checkout"; exit 1; }
 	@git ls-files -z -- '*.c' '*.cc' '*.cpp' '*.h' '*.hpp' | xargs -0 wc -l | awk ' \
