@@ -6,7 +6,7 @@ fails on is killed; one it passes survives and is listed.
 
 usage: mutation.py [N] [SEED]   (make mutation N=48 SEED=1; build in build-mutation/)
 The working tree is restored after every mutant, also on Ctrl-C."""
-import os, random, re, subprocess, sys, time
+import os, random, re, signal, subprocess, sys, time
 
 N = int(sys.argv[1]) if len(sys.argv) > 1 else 48
 SEED = int(sys.argv[2]) if len(sys.argv) > 2 else 1
@@ -44,6 +44,7 @@ def run(cmd, timeout):
 
 
 def main():
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutation.py: stopped"))  # restores the file being mutated
     if subprocess.run(["git", "diff", "--quiet", "--"] + SOURCES, cwd=ROOT).returncode:
         sys.exit("mutation.py: the library's sources have uncommitted changes; commit or stash them first")
     env_build = ["cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DPARA_TEST_TIMEOUT=120"]
