@@ -34,7 +34,8 @@ enum Exit { kOk = 0, kError = 1, kUsage = 2, kNoReply = 3 };
 
 struct Options {
     std::string host = "127.0.0.1";
-    sockaddr_in to{};
+    sockaddr_storage to{}; // IPv4, or IPv6 ("[::ffff:a.b.c.d]" reaches an IPv4 server)
+    socklen_t to_len = 0;
     int port = PARA_SERVER_PORT;
     int timeout_ms = 1000;
     bool raw_json = false;
@@ -90,12 +91,12 @@ int exchange(const Options& o, const std::string& text, std::string* reply)
                 PARA_MESSAGE_BUF - 1);
         return kUsage;
     }
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    int fd = socket(o.to.ss_family, SOCK_DGRAM, 0);
     if (fd < 0) {
         fprintf(stderr, "paramctl: socket: %s\n", strerror(errno));
         return kError;
     }
-    if (sendto(fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&o.to), sizeof o.to) < 0) {
+    if (sendto(fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&o.to), o.to_len) < 0) {
         fprintf(stderr, "paramctl: send: %s\n", strerror(errno));
         close(fd);
         return kError;
@@ -103,8 +104,9 @@ int exchange(const Options& o, const std::string& text, std::string* reply)
     pollfd p{fd, POLLIN, 0};
     if (poll(&p, 1, o.timeout_ms) != 1) {
         close(fd);
-        fprintf(stderr, "paramctl: no reply from %s:%d within %d ms (is paramd running?)\n", o.host.c_str(),
-                o.port, o.timeout_ms);
+        const bool v6 = o.host.find(':') != std::string::npos;
+        fprintf(stderr, "paramctl: no reply from %s%s%s:%d within %d ms (is paramd running?)\n", v6 ? "[" : "",
+                o.host.c_str(), v6 ? "]" : "", o.port, o.timeout_ms);
         return kNoReply;
     }
     std::vector<char> buf(65536);
@@ -906,7 +908,8 @@ int cmd_share(const Options& o, int argc, char** argv)
 {
     if (argc != 4)
         return fail("share: MODULE MEMBER CHN VALUE wanted (try: paramctl help share)");
-    if (o.to.sin_addr.s_addr != htonl(INADDR_LOOPBACK) || o.port != PARA_SERVER_PORT)
+    const auto* v4 = reinterpret_cast<const sockaddr_in*>(&o.to);
+    if (o.to.ss_family != AF_INET || v4->sin_addr.s_addr != htonl(INADDR_LOOPBACK) || o.port != PARA_SERVER_PORT)
         return fail("share: client datagrams always go to 127.0.0.1:6800; --host/--port do not apply");
     const ShareRow* row = nullptr;
     for (const ShareRow& r : kShareRows)
@@ -1107,22 +1110,40 @@ bool parse_int(const char* text, int lo, int hi, int* out)
     return true;
 }
 
+/* HOST, HOST:PORT, an IPv6 address, or [IPv6]:PORT. A name resolves to its
+ * IPv4 address first: the library's server serves IPv4. */
 bool resolve(Options* o)
 {
-    // HOST:PORT (one colon: IPv4 or a name; the server serves IPv4 only).
-    if (size_t colon = o->host.find(':'); colon != std::string::npos && o->host.find(':', colon + 1) == std::string::npos) {
-        if (!parse_int(o->host.c_str() + colon + 1, 1, 65535, &o->port))
+    std::string& h = o->host;
+    size_t colon = h.rfind(':');
+    if (!h.empty() && h[0] == '[') {
+        size_t close = h.find(']');
+        if (close == std::string::npos || (close + 1 < h.size() && (h[close + 1] != ':' ||
+                                                                    !parse_int(h.c_str() + close + 2, 1, 65535, &o->port))))
             return false;
-        o->host.resize(colon);
+        h = h.substr(1, close - 1);
+    } else if (colon != std::string::npos && h.find(':') == colon) {
+        if (!parse_int(h.c_str() + colon + 1, 1, 65535, &o->port))
+            return false;
+        h.resize(colon);
     }
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_DGRAM;
     addrinfo* res = nullptr;
-    if (getaddrinfo(o->host.c_str(), nullptr, &hints, &res) != 0 || !res)
+    for (int family : {AF_INET, AF_INET6}) {
+        addrinfo hints{};
+        hints.ai_family = family;
+        hints.ai_socktype = SOCK_DGRAM;
+        if (getaddrinfo(h.c_str(), nullptr, &hints, &res) == 0 && res)
+            break;
+        res = nullptr;
+    }
+    if (!res)
         return false;
-    memcpy(&o->to, res->ai_addr, sizeof o->to);
-    o->to.sin_port = htons(static_cast<uint16_t>(o->port));
+    memcpy(&o->to, res->ai_addr, res->ai_addrlen);
+    o->to_len = res->ai_addrlen;
+    if (res->ai_family == AF_INET)
+        reinterpret_cast<sockaddr_in*>(&o->to)->sin_port = htons(static_cast<uint16_t>(o->port));
+    else
+        reinterpret_cast<sockaddr_in6*>(&o->to)->sin6_port = htons(static_cast<uint16_t>(o->port));
     freeaddrinfo(res);
     return true;
 }
