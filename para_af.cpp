@@ -36,21 +36,14 @@ const typed::Module af = [] {
     m.title = "AF";
     m.members = af_members;
     m.count = kMembers;
-    m.order = nullptr;
     m.rec = PARA_TYPED_RECORDS(para_af);
     m.stride = sizeof(dov_af_param_s) / sizeof(int32_t);
-    m.records = 1;
     m.streams = &af_records;
-    m.stream_key = nullptr;
     m.files = {"af_range.json", "af_def.json", "af_cur.json"};
     m.plain = true;
-    m.write_by_prefix = false;
-    m.missing_kind_result = 0;
     m.st = &af_state;
     m.stamp = &af_item_start_time;
-    m.delay_ms = nullptr; // fixed delay
     m.notify = notify_af;
-    m.page = nullptr; // the row takes no set requests
     return m;
 }();
 

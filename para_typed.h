@@ -111,24 +111,24 @@ struct Module {
     const char* title; /* names the module in the first line of the log dump */
     const Member* members;
     int count;
-    const int* order; /* key order of objects and files; null: record order */
+    const int* order = nullptr; /* key order of objects and files; null: record order */
     std::array<int32_t*, kRecKinds> rec;
     int stride;         /* int32 per record */
-    int records;        /* records per kind */
+    int records = 1;    /* records per kind */
     int* streams;       /* records in use */
-    const char* stream_key; /* "video%d": files and objects keyed per stream; null: flat */
+    const char* stream_key = nullptr; /* "video%d": files and objects keyed per stream; null: flat */
     std::array<const char*, 3> files; /* range, default (read-only dir), current (read-write dir) */
     /* Focus/zoom flavour: numbers only, exist 0/1, getters and setter skip
      * the existence test, range containers not type-tested, file failures
      * not logged. */
-    bool plain;
-    bool write_by_prefix;   /* by-name writes: name begins with key (else exact) */
-    int missing_kind_result; /* by-name write to a member without its kind bit */
+    bool plain = false;
+    bool write_by_prefix = false;   /* by-name writes: name begins with key (else exact) */
+    int missing_kind_result = 0;    /* by-name write to a member without its kind bit */
     State* st;
     struct timespec* stamp;
-    std::atomic<int>* delay_ms;
+    std::atomic<int>* delay_ms = nullptr; /* null: the fixed delay */
     void (*notify)(void* setter, int stream, int value);
-    void (**page)(void* json); /* the profile's page callback slot, or null */
+    void (**page)(void* json) = nullptr; /* the profile's page callback slot; null: no set requests */
 };
 
 using Lock = std::lock_guard<std::mutex>;
