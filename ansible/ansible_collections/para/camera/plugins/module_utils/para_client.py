@@ -21,8 +21,8 @@ class ParaError(Exception):
     pass
 
 
-def camera_argument_spec():
-    """The options of every module: where the camera is (doc fragment para.camera.camera)."""
+def camera_options():
+    """The options every module takes: where the camera is (documented in doc_fragments/camera.py)."""
     return dict(host=dict(type='str'), port=dict(type='int', default=6800), timeout=dict(type='int', default=2000))
 
 

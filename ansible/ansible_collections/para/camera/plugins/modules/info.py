@@ -50,7 +50,7 @@ describe:
 '''
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible_collections.para.camera.plugins.module_utils.para_client import ParaClient, ParaError, camera_argument_spec
+from ansible_collections.para.camera.plugins.module_utils.para_client import ParaClient, ParaError, camera_options
 
 # The modules of a camera built on the library, for hosts without describe.
 KNOWN = ["isp0", "isp1", "af", "video0", "video1", "video2", "video3", "video4", "video5", "audio", "misc"]
@@ -59,7 +59,7 @@ KNOWN = ["isp0", "isp1", "af", "video0", "video1", "video2", "video3", "video4",
 def main():
     module = AnsibleModule(
         argument_spec=dict(
-            camera_argument_spec(),
+            camera_options(),
             modules=dict(type='list', elements='str'),
             describe=dict(type='bool', default=False),
         ),

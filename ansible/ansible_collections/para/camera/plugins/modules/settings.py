@@ -68,13 +68,13 @@ values:
 
 from ansible.module_utils.basic import AnsibleModule
 from ansible_collections.para.camera.plugins.module_utils.para_client import (
-    ParaClient, camera_argument_spec, ParaError, accepted, as_device_type, same)
+    ParaClient, camera_options, ParaError, accepted, as_device_type, same)
 
 
 def main():
     module = AnsibleModule(
         argument_spec=dict(
-            camera_argument_spec(),
+            camera_options(),
             settings=dict(type='dict', required=True),
         ),
         supports_check_mode=True,
