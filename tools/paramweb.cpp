@@ -650,20 +650,29 @@ std::string form_page(const Page& page, const Shown& v, const std::string& statu
     return layout(page.name, body);
 }
 
+// The page with the values just read (and what v carries: typed values kept
+// where they were refused, notes, locked fields).
+void show_values(const Page& page, httplib::Response& res, const Guard& g, const Session& s, Described& d,
+                 const Form& values, Shown v, const std::string& status, bool failed)
+{
+    for (auto& [name, value] : values) // what the user typed stays where it was refused
+        v.typed.emplace(name, value), v.device[name] = value;
+    res.set_content(form_page(page, v, status, failed, d, g, s), kHtml);
+}
+
 void show_page(const Page& page, httplib::Response& res, const Guard& g, const Session& s,
-               const std::string& status = "", bool failed = false, Shown v = {})
+               const std::string& status = "", bool failed = false)
 {
     Described d;
     Form values;
+    Shown v;
     std::string error;
     if (!displayed(page, values, v.locked, error)) {
         res.status = 502;
         res.set_content(form_page(page, {}, error, true, d, g, s), kHtml);
         return;
     }
-    for (auto& [name, value] : values) // what the user typed stays where it was refused
-        v.typed.emplace(name, value), v.device[name] = value;
-    res.set_content(form_page(page, v, status, failed, d, g, s), kHtml);
+    show_values(page, res, g, s, d, values, v, status, failed);
 }
 
 // Whether the camera's form text now says what was sent ("3.50" and "3.5"
@@ -737,7 +746,8 @@ void save_page(const Page& page, const httplib::Request& req, httplib::Response&
     if (!displayed(page, after, after_locked, error))
         return show_page(page, res, g, s, "written, but the page cannot be read back: " + error, true);
     std::string saved, refused;
-    Shown back;
+    Shown back; // the read-back values are what the page now shows
+    back.locked = after_locked;
     for (auto& [f, value] : sent) {
         if (holds(*f, after[f->name], value)) {
             saved += (saved.empty() ? "" : ", ") + f->name;
@@ -748,10 +758,10 @@ void save_page(const Page& page, const httplib::Request& req, httplib::Response&
         back.notes[f->name] = d.accepted(*f) + " (it holds " + after[f->name] + ")";
     }
     if (refused.empty())
-        return show_page(page, res, g, s, "saved: " + saved);
+        return show_values(page, res, g, s, d, after, back, "saved: " + saved, false);
     fprintf(stderr, "paramweb: page %s: the camera refused %s\n", page.name.c_str(), refused.c_str());
     res.status = 422;
-    show_page(page, res, g, s, "not saved: " + refused + (saved.empty() ? "" : "; saved: " + saved), true, back);
+    show_values(page, res, g, s, d, after, back, "not saved: " + refused + (saved.empty() ? "" : "; saved: " + saved), true);
 }
 
 /* "Reset this page to defaults": every writable member of the page gets the
