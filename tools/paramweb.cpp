@@ -22,6 +22,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -844,7 +845,108 @@ bool loopback(const std::string& host)
            (inet_pton(AF_INET, host.c_str(), &a4) == 1 && (ntohl(a4.s_addr) >> 24) == 127);
 }
 
+// Connections one client may hold at once. A browser opens up to six to a
+// server; a client holding more is trickling requests to starve the workers.
+constexpr size_t client_connections_max = 8;
+
+// The live connections of each client, found again by descriptor and inode:
+// cpp-httplib closes its sockets itself, so an entry whose descriptor is gone
+// or now names another socket has ended.
+class Clients {
+public:
+    // Whether a connection just accepted from `peer` may be served.
+    bool admit(int fd, const sockaddr_storage& peer)
+    {
+        struct stat st{};
+        if (fstat(fd, &st) != 0)
+            return false;
+        const std::string who = client_of(peer);
+        std::lock_guard<std::mutex> lock(mu_);
+        if (open_.size() > 4096)
+            for (auto it = open_.begin(); it != open_.end();)
+                it = prune(it->second).empty() ? open_.erase(it) : std::next(it);
+        auto& live = prune(open_[who]);
+        if (live.size() >= client_connections_max) {
+            auto now = std::chrono::steady_clock::now();
+            if (auto& last = told_[who]; now - last > std::chrono::seconds(10)) {
+                last = now;
+                fprintf(stderr, "paramweb: %s holds %zu connections: further ones are closed\n", who.c_str(),
+                        live.size());
+            }
+            return false;
+        }
+        live.push_back({fd, st.st_ino});
+        return true;
+    }
+
+private:
+    struct Conn {
+        int fd;
+        ino_t ino;
+    };
+    static std::vector<Conn>& prune(std::vector<Conn>& conns)
+    {
+        conns.erase(std::remove_if(conns.begin(), conns.end(),
+                                   [](const Conn& c) {
+                                       struct stat st{};
+                                       return fstat(c.fd, &st) != 0 || st.st_ino != c.ino;
+                                   }),
+                    conns.end());
+        return conns;
+    }
+    // An IPv6 client is its /64: one host owns the whole prefix.
+    static std::string client_of(const sockaddr_storage& peer)
+    {
+        char text[INET6_ADDRSTRLEN] = "?";
+        if (peer.ss_family == AF_INET) {
+            inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(peer).sin_addr, text, sizeof text);
+        } else if (peer.ss_family == AF_INET6) {
+            in6_addr a = reinterpret_cast<const sockaddr_in6&>(peer).sin6_addr;
+            if (IN6_IS_ADDR_V4MAPPED(&a)) {
+                inet_ntop(AF_INET, &a.s6_addr[12], text, sizeof text);
+            } else {
+                std::fill(std::begin(a.s6_addr) + 8, std::end(a.s6_addr), 0);
+                inet_ntop(AF_INET6, &a, text, sizeof text);
+                return std::string(text) + "/64";
+            }
+        }
+        return text;
+    }
+
+    std::mutex mu_;
+    std::map<std::string, std::vector<Conn>> open_;
+    std::map<std::string, std::chrono::steady_clock::time_point> told_;
+};
+
+Clients clients;
+
 } // namespace
+
+// cpp-httplib gives a socket to a worker as soon as it is accepted, with no
+// hook before the worker starts reading, so a worker is held for as long as a
+// client trickles its request. The per-client bound therefore sits in
+// accept() itself, which the library calls from its listening thread: this
+// definition takes the place of the C library's for the whole program
+// (nothing else in paramweb accepts connections). A connection over the
+// bound is closed before any worker sees it.
+extern "C" __attribute__((visibility("default"))) int accept(int fd, sockaddr* addr, socklen_t* len)
+{
+    for (;;) {
+        sockaddr_storage peer{};
+        socklen_t peer_len = sizeof peer;
+        const int conn = accept4(fd, reinterpret_cast<sockaddr*>(&peer), &peer_len, 0);
+        if (conn < 0)
+            return conn;
+        if (clients.admit(conn, peer)) {
+            if (addr && len) {
+                memcpy(addr, &peer, std::min<size_t>(*len, peer_len));
+                *len = peer_len;
+            }
+            return conn;
+        }
+        close(conn);
+    }
+}
 
 int main(int argc, char** argv)
 {
@@ -919,8 +1021,9 @@ int main(int argc, char** argv)
     httplib::Server& web = *server;
 
     // Bounds: a body of at most 16 KiB (whatever the path or encoding), 5 s
-    // without a byte ends a connection, and enough workers that a handful of
-    // slow clients cannot take them all.
+    // without a byte ends a connection, eight connections per client (see
+    // accept above) and 64 workers, so slow clients of one or two hosts
+    // cannot take them all.
     web.set_payload_max_length(16 * 1024);
     web.set_read_timeout(5, 0);
     web.set_write_timeout(5, 0);
