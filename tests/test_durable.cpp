@@ -42,6 +42,9 @@ void make_device(test::TempDir& dir, bool old_misc)
 {
     test::copy_dir_files(test::example_device_dir(), dir.ro());
     test::copy_dir_files(kData, dir.ro());
+    std::string map = *test::read_file(dir.ro() + "/www2json.json");
+    map.replace(map.find("\"misc\""), 6, "\"misc\", \"cam\"");
+    test::write_file(dir.ro() + "/www2json.json", map);
     if (old_misc)
         test::copy_dir_files(kData + "old", dir.ro());
 }
