@@ -203,8 +203,27 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
     std::optional<std::string> reply;
     test::CommandResult ran{-1, ""};
     bool running = false;
-    std::string line;
-    for (int no = 1; std::getline(in, line); ++no) {
+    // "each A..B STEP ; STEP ..." stands for its steps once per number from A
+    // to B, with "{}" replaced by the number.
+    std::vector<std::pair<int, std::string>> steps;
+    int no = 0;
+    for (std::string line; std::getline(in, line);) {
+        ++no;
+        unsigned from = 0, to = 0;
+        int used = 0;
+        if (sscanf(line.c_str(), "each %u..%u %n", &from, &to, &used) != 2 || used == 0) {
+            steps.emplace_back(no, line);
+            continue;
+        }
+        for (unsigned i = from; i <= to; ++i)
+            for (std::string body = line.substr(used) + " ; ", step; !body.empty(); body.erase(0, body.find(" ; ") + 3)) {
+                step = body.substr(0, body.find(" ; "));
+                for (size_t at; (at = step.find("{}")) != std::string::npos;)
+                    step.replace(at, 2, std::to_string(i));
+                steps.emplace_back(no, step);
+            }
+    }
+    for (auto& [no, line] : steps) {
         if (line.empty() || line[0] == '#')
             continue;
         SCOPED_TRACE(dir + "/" + name + ".txt:" + std::to_string(no) + ": " + line);
