@@ -154,6 +154,7 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     E("af.struct_ver", para_af_min.struct_ver | para_af_max.struct_ver | para_af_def.struct_ver |
         para_af_cur.struct_ver | para_af_init.struct_ver | para_af_exist.struct_ver)
     C(para_set_member, a(v, 0), n(v, 1), n(v, 2), a(v, 3)) C(isp_change_pending)
+    E("para_get_isp_cur_member", isp_member(v, para_get_isp_cur_member))
     E("para_get_isp_def_member", isp_member(v, para_get_isp_def_member))
     E("Create_Json_ISPObject", isp_object(n(v, 0), n(v, 1))) E("get_isp_style_json", js(get_isp_style_json(n(v, 0), n(v, 1))))
     E("para_get_isp_style_param", style_param(v)) E("parse_isp_def_odm", odm_def(v))
@@ -164,7 +165,7 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     C(para_get_isp_style_string, n(v, 0), n(v, 1)) C(para_set_isp_style_def_index, n(v, 0), n(v, 1))
     C(para_get_isp_style_def_index, n(v, 0)) C(para_init_isp_style, n(v, 0))
     E("para_get_video_member", video_member(v)) E("para_get_video_size_byname", size_by_name(v))
-    C(fifo_work_run, a(v, 0), nullptr) C(save_cur_audio_param_delay, n(v, 0))
+    C(fifo_work_run, a(v, 0), nullptr) C(save_cur_audio_param_delay, n(v, 0)) C(save_cur_video_param_delay, n(v, 0))
     C(para_get_video_streamNum) E("g_num_stream", g_num_stream)
     E("para_get_af_member_json", af_member(v)) E("para_get_audio_member_json", audio_member(v))
     C(para_set_audio_member_json, a(v, 0), n(v, 1), a(v, 2)) C(para_set_video_member, a(v, 0), n(v, 1), n(v, 2), a(v, 3))
@@ -216,8 +217,20 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
          std::string out = std::to_string(r) + " " + js(range) + " " + (cur ? dump(cur) : "(none)");
          return configure_free(cur), configure_free(def), cJSON_Delete(range), out; }},
     C(para_get_misc_mirror_cur)
+    C(para_get_misc_mirror_def)
+    C(para_get_misc_flip_cur)
+    C(para_get_misc_hdmivideoformat_max)
+    C(para_get_misc_hdmivideoformat_def)
+    {"para_get_misc_hdmivideoformat_str", [](Args& v) { return s(para_get_misc_hdmivideoformat_str(n(v, 0))); }},
+    C(para_get_misc_hdmivideoformat_num, a(v, 0))
     C(para_get_misc_ViStrategy_cur)
     C(para_get_misc_ViStrategy_max)
+    C(para_get_misc_ndi_mode_cur)
+    C(para_get_misc_ndi_mode_min)
+    C(para_set_misc_mirror_cur, n(v, 0))
+    C(para_set_misc_hdmivideoformat_cur, n(v, 0))
+    C(para_set_misc_hdmivideoformat_cur_bystr, a(v, 0))
+    C(para_set_misc_ViStrategy_cur_bystr, a(v, 0))
     C(para_init_odm, a(v, 0))
     {"para_init_stage2_odm", V(para_init_stage2_odm(a(v, 0)))},
     C(para_need_save_odm, a(v, 0))
@@ -270,6 +283,7 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"cfg_get", [](Args& v) { return buf(n(v, 1), [&](char* b) { return g_cfg->get(g_cfg, a(v, 0), b, n(v, 1)); }); }},
     {"cfg_dump", [](Args&) { return std::to_string(g_cfg->list.used) + " " + dump(g_cfg); }},
     {"cfg_save", [](Args& v) { FILE* f = fopen(a(v, 0), "w"); g_cfg->loop(g_cfg, loop_2_conf, f); return std::to_string(fclose(f)); }},
+    {"cfg_loop_buf", [](Args& v) { std::string b(n(v, 0), '\0'); loop_buf_s lb{b.data(), n(v, 0), 0, 0}; g_cfg->loop(g_cfg, loop_2_buf, &lb); return std::to_string(lb.ret) + " " + std::to_string(lb.used) + " " + (lb.ret ? "" : b.c_str()); }},
     {"register_para_handle_extern", V(module_para_handle_s h{}; h.parse_name = a(v, 0); register_para_handle_extern(&h))},
     C(register_param_command, a(v, 0), nullptr, n(v, 1))
     C(para_server_bind_address, a(v, 0))

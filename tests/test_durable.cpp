@@ -478,8 +478,64 @@ TEST(Durable, WritersWithoutALockNeverBreakEachOther)
     EXPECT_EQ(torn.load(), 0);
 }
 
-// Current files a module did not load stay; damaged ones are set aside as .bad.
+// Temporary files of a killed save.
 SCENARIO_TESTS(Leftovers, "leftovers", false);
+
+/* Settings files the library could not use are never lost. A damaged current
+ * file is set aside as "<file>.bad" (over older evidence) before the first
+ * save replaces it; the file of a module that did not load (its range or
+ * read-only file missing or broken) stays byte for byte, through a forced
+ * save. Every store of the example device plus the JSON module "cam". */
+struct Unusable {
+    const char* name;
+    const char* file;    // in the read-write directory
+    std::string damaged; // its text after a power cut or a bad write ("": text files have none)
+    const char* unload;  // read-only file whose absence keeps the module from loading
+    bool old_misc = false;
+};
+class Leftover : public ::testing::TestWithParam<Unusable> {};
+TEST_P(Leftover, NeverLost)
+{
+    const Unusable& c = GetParam();
+    // Starts and stops the example with `text` as the file; the log and the file after.
+    auto run = [&](test::TempDir& dir, const std::string& text, bool unloaded) {
+        make_device(dir, c.old_misc);
+        mkdir((dir.rw() + "/persist").c_str(), 0755);
+        test::write_file(dir.rw() + "/" + c.file + ".bad", "older evidence");
+        test::write_file(dir.rw() + "/" + c.file, text);
+        if (unloaded)
+            unlink((dir.ro() + "/" + c.unload).c_str());
+        return test::in_child([&] {
+            test::LogCapture log(PARA_ERR);
+            start(dir), para_set_odm_int(const_cast<char*>("x"), 1), platformparam_stop(1);
+            return log.dump();
+        });
+    };
+    if (!c.damaged.empty()) {
+        test::TempDir dir;
+        std::string log = run(dir, c.damaged, false), path = dir.rw() + "/" + c.file;
+        EXPECT_EQ(test::read_file(path + ".bad"), c.damaged) << log;
+        EXPECT_NE(log.find(std::string(c.file) + " cannot be read as settings, kept as"), std::string::npos) << log;
+        EXPECT_EQ(test::read_file(path).value_or("").substr(0, 1), "{") << "rewritten whole";
+    }
+    if (c.unload) {
+        test::TempDir dir;
+        const std::string held = "level=7\nmode=off\n";
+        std::string log = run(dir, held, true);
+        EXPECT_EQ(test::read_file(dir.rw() + "/" + c.file), held) << log;
+    }
+}
+const Unusable kUnusable[] = {
+    {"video", "video_cur.json", "{\n\t\"video0\":\t{\n\t\t\"gop\":\t1", "video_range.json"},
+    {"audio", "audio_cur.json", std::string(64, '\0'), "audio_range.json"},
+    {"af", "af_cur.json", " ", "af_range.json"},
+    {"isp", "isp_cur.json", "isp0 bright=3\n", "isp_range.json"},
+    {"misc", "misc_cur.json", "{\"vi_frame", "misc_range.json", true},
+    {"odm", "persist/odm.json", "{\"version\":1,\"a", nullptr},
+    {"misc_conf", "misc.conf", "", "misc.conf"},
+    {"cam", "cam.conf", "", "cam_range.json"},
+};
+DURABLE_SUITE(Stores, Leftover, kUnusable);
 
 /* A change every 1.5 s never lets the 2 s delay pass: it is saved once the
  * first unsaved change is 20 s old. Quiet changes keep the plain delay. */
