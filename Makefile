@@ -113,7 +113,8 @@ coverage:
 	cmake --build $(COV_BUILD) -j $(JOBS)
 	find $(COV_BUILD) -name '*.gcda' -delete
 	SUDO=$$( [ "$$(id -u)" = 0 ] || echo sudo ); \
-	$$SUDO unshare -mn --propagation private sh -c 'mount -t tmpfs tmpfs /tmp && ip link set lo up && \
+	$$SUDO unshare -mn --propagation private sh -c 'case "$$(pwd -P)/" in /tmp/*) ;; *) mount -t tmpfs tmpfs /tmp;; esac && \
+	  ip link set lo up && \
 	  ctest --test-dir $(COV_BUILD) -j $(JOBS) --output-on-failure -E "^Exports\."'; rc=$$?; \
 	gcovr --root . --object-directory $(COV_BUILD) \
 	  --exclude '(.*/)?(tests|fuzz|bench|examples|build[^/]*)/' \
