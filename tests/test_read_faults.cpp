@@ -147,7 +147,10 @@ TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
     ASSERT_EQ(mkfifo((dir.rw() + "/video_cur.json").c_str(), 0644), 0);
     ASSERT_EQ(mkfifo((dir.rw() + "/netport.conf").c_str(), 0644), 0);
     ASSERT_EQ(symlink("/dev/zero", (dir.rw() + "/persist/odm.json").c_str()), 0);
-    test::write_file(dir.rw() + "/audio_cur.json", std::string(2 << 20, ' ') + saved["audio_cur.json"]);
+    // One byte past the read cap is refused; a file of the cap itself loads.
+    auto padded = [&](const char* f, size_t size) { return std::string(size - saved[f].size(), ' ') + saved[f]; };
+    test::write_file(dir.rw() + "/audio_cur.json", padded("audio_cur.json", para::kReadCap + 1));
+    test::write_file(dir.rw() + "/af_cur.json", padded("af_cur.json", para::kReadCap));
     std::string misc = "long=" + std::string(300, 'x') + "\n" + saved["misc.conf"];
     test::write_file(dir.rw() + "/misc.conf", misc);
     Files before = files(dir.rw());
@@ -158,10 +161,12 @@ TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
     });
     for (const char* f : {"video_cur.json ", "netport.conf ", "odm.json ", "audio_cur.json "})
         EXPECT_NE(log.find(std::string(f) + "cannot be read"), std::string::npos) << f << log;
+    EXPECT_EQ(log.find("af_cur.json"), std::string::npos) << log;
     EXPECT_NE(log.find("misc.conf: 1 line(s) too long"), std::string::npos) << log;
     EXPECT_NE(log.find("Error read cur buf"), std::string::npos) << log;
     before["misc.conf.bad"] = misc;
     before["misc.conf"] = saved["misc.conf"];
+    before["af_cur.json"] = saved["af_cur.json"]; // loaded, and the forced save writes it again
     EXPECT_EQ(files(dir.rw()), before);
 
     start_stop(-1, 0, 0, true);
