@@ -2,9 +2,14 @@
  * families, start-up from the range/style/current files, the requests of
  * the rows "isp0" and "isp1", the delayed save and the default maintenance.
  *
- * Every per-member function is stamped from PARA_ISP_MEMBERS (para.h) and
- * forwards to one table-driven function below. */
+ * Every per-member function is stamped from PARA_ISP_MEMBERS (para.h). The
+ * records, the change state and the per-member getters and setters are those
+ * of the typed engine (para_typed.h), under its one concurrency rule; the
+ * file walkers, orders and by-name access below are the ISP's own, because
+ * its files and objects differ (three key orders, style objects, factory
+ * overrides). */
 #include "para_isp_internal.h"
+#include "para_typed.h"
 
 #include <array>
 #include <atomic>
@@ -112,60 +117,64 @@ constexpr const char* k_cur_file = "isp_cur.json";
 
 int g_num_isp = 0;
 int init_flag = 0;
-/* Set once the range file loaded: before that the records hold no settings,
- * and a save would only replace the stored ones with an empty object. */
-std::atomic<bool> isp_loaded{false};
-para::CurrentFile isp_cur_file;
-para::ChangeState isp_change;
+/* Its `loaded` is set once the range file loaded: before that the records
+ * hold no settings, and a save would only replace the stored ones with an
+ * empty object. The concurrency rule is the one on para::typed::State. */
+para::typed::State isp_state;
+using Lock = para::typed::Lock;
 
-/* Host threads call the getters and setters while the worker answers
- * requests: every access to the records after start-up holds this lock,
- * and no callback runs under it. */
-std::mutex isp_mu;
-using Lock = std::lock_guard<std::mutex>;
-
-void mark_change()
+/* Whole words, atomically: the getters and setters read and write the
+ * current values without a lock, so every other access to a record word
+ * does too (the rule on para::typed::State). */
+int load(const int& word)
 {
-    isp_change.mark();
-    para::stamp_to_timespec(isp_change.stamp_ns.load(), &isp_item_start_time);
+    return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+void store(int& word, int value)
+{
+    __atomic_store_n(&word, value, __ATOMIC_RELAXED);
 }
 
 int& field(dov_isp_param_s& rec, int m)
 {
     return rec.*k_members[m].field;
 }
-
-int get_member(const dov_isp_param_s* records, int m, int pipe)
+int value(const dov_isp_param_s& rec, int m)
 {
-    Lock lk(isp_mu);
-    return isp_valid_pipe(pipe) ? records[pipe].*k_members[m].field : -1;
+    return load(rec.*k_members[m].field);
 }
 
-int set_cur_locked(int m, int pipe, int value)
-{
-    if (!isp_valid_pipe(pipe))
-        return 0;
-    int& cur = field(para_isp_cur[pipe], m);
-    if (field(para_isp_exist[pipe], m) == 0 || value < field(para_isp_min[pipe], m) ||
-        value > field(para_isp_max[pipe], m) || value == cur)
-        return 0;
-    cur = value;
-    mark_change();
-    return 1;
-}
+#define ISP_SETTER_0(m) nullptr
+#define ISP_SETTER_1(m) reinterpret_cast<void*>(&para_set_isp_##m##_cur)
+#define ISP_TYPED_ROW(m, file, set, out) \
+    {#m, static_cast<int>(offsetof(dov_isp_param_s, m) / sizeof(int32_t)), nullptr, 0, false, ISP_SETTER_##set(m)},
+const para::typed::Member k_typed_members[] = {PARA_ISP_MEMBERS(ISP_TYPED_ROW)};
+#undef ISP_TYPED_ROW
+#undef ISP_SETTER_0
+#undef ISP_SETTER_1
 
-int set_member_cur(int m, int pipe, int value)
+void notify_isp(void* setter, int pipe, int value)
 {
-    Lock lk(isp_mu);
-    return set_cur_locked(m, pipe, value);
-}
-
-int set_member_cur_notify(int m, void* setter, int pipe, int value)
-{
-    if (set_member_cur(m, pipe, value) == 1 && para_profile.isp_caller)
+    if (para_profile.isp_caller)
         para_profile.isp_caller(setter, pipe, value);
-    return 0;
 }
+
+int isp_records = PARA_ISP_NUM;
+const para::typed::Module k_isp = [] {
+    para::typed::Module m{};
+    m.title = "ISP";
+    m.members = k_typed_members;
+    m.count = ISP_MEMBER_COUNT;
+    m.rec = PARA_TYPED_RECORDS(para_isp);
+    m.stride = ISP_MEMBER_COUNT;
+    m.records = PARA_ISP_NUM;
+    m.streams = &isp_records; // both pipes answer, whatever the range file holds
+    m.reads_ignore_exist = true;
+    m.st = &isp_state;
+    m.stamp = &isp_item_start_time;
+    m.notify = notify_isp;
+    return m;
+}();
 
 enum ReadKind { READ_range, READ_def, READ_cur, READ_style };
 
@@ -176,23 +185,23 @@ void read_member(ReadKind kind, int m, cJSON* json, dov_isp_param_s* p0, dov_isp
     const cJSON* item = cJSON_GetObjectItem(json, k_names[m]);
     if (!item)
         return;
-    Lock lk(isp_mu);
+    Lock lk(isp_state.mu);
     switch (kind) {
     case READ_range:
         if (p1 && cJSON_GetArraySize(item) > 1) {
-            field(*p0, m) = para::json_int(cJSON_GetArrayItem(item, 0));
-            field(*p1, m) = para::json_int(cJSON_GetArrayItem(item, 1));
+            store(field(*p0, m), para::json_int(cJSON_GetArrayItem(item, 0)));
+            store(field(*p1, m), para::json_int(cJSON_GetArrayItem(item, 1)));
         }
         break;
     case READ_def:
         if (p1) {
-            field(*p0, m) = para::json_int(item);
-            field(*p1, m) = 1 | k_exist_numeric;
+            store(field(*p0, m), para::json_int(item));
+            store(field(*p1, m), 1 | k_exist_numeric);
         }
         break;
     case READ_cur:
     case READ_style:
-        field(*p0, m) = para::json_int(item);
+        store(field(*p0, m), para::json_int(item));
         break;
     }
 }
@@ -214,9 +223,9 @@ int get_member_by_name(const dov_isp_param_s* records, const char* name, int chn
     int m = settable_index(name);
     if (m < 0 || !isp_valid_pipe(chn))
         return 0;
-    Lock lk(isp_mu);
+    Lock lk(isp_state.mu);
     if (val)
-        *val = records[chn].*k_members[m].field;
+        *val = value(records[chn], m);
     return field(para_isp_exist[chn], m);
 }
 
@@ -244,15 +253,17 @@ int request_isp(const char* key, const char* suffix, int limit)
 
 /* ---- stamped per-member families ------------------------------------- */
 
+#define ISP_REC_def para::typed::kDef
+#define ISP_REC_min para::typed::kMin
+#define ISP_REC_max para::typed::kMax
+#define ISP_REC_init para::typed::kInit
+#define ISP_REC_cur para::typed::kCur
 #define ISP_DEF_GET(m, kind) \
-    int para_get_isp_##m##_##kind(int pipe) { return get_member(para_isp_##kind, ISP_##m, pipe); }
-#define ISP_DEF_SET(m)                                                                  \
-    PARA_ISP_GET_KINDS(ISP_DEF_GET, m)                                                  \
-    int _para_set_isp_##m##_cur(int pipe, int value) { return set_member_cur(ISP_##m, pipe, value); } \
-    int para_set_isp_##m##_cur(int pipe, int value)                                     \
-    {                                                                                   \
-        return set_member_cur_notify(ISP_##m, (void*)&para_set_isp_##m##_cur, pipe, value); \
-    }
+    int para_get_isp_##m##_##kind(int pipe) { return para::typed::get(k_isp, ISP_##m, ISP_REC_##kind, pipe); }
+#define ISP_DEF_SET(m)                                                                                      \
+    PARA_ISP_GET_KINDS(ISP_DEF_GET, m)                                                                      \
+    int _para_set_isp_##m##_cur(int pipe, int v) { return para::typed::set_internal(k_isp, ISP_##m, pipe, v); } \
+    int para_set_isp_##m##_cur(int pipe, int v) { return para::typed::set_public(k_isp, ISP_##m, pipe, v); }
 #define ISP_DEF_READ(m, kind)                                                             \
     void get_##kind##_param_##m(cJSON* json, dov_isp_param_s* p0, dov_isp_param_s* p1) \
     {                                                                                     \
@@ -293,10 +304,9 @@ int para_set_member(char* memberName, int chn, int val, char* valString)
     int m = settable_index(memberName);
     if (m < 0 || !isp_valid_pipe(chn))
         return 0;
-    Lock lk(isp_mu);
     if (!(field(para_isp_exist[chn], m) & k_exist_numeric))
         return 0;
-    return set_cur_locked(m, chn, val);
+    return para::typed::set_internal(k_isp, m, chn, val);
 }
 
 cJSON* Create_Json_ISPObject(int i, int is_def)
@@ -307,10 +317,10 @@ cJSON* Create_Json_ISPObject(int i, int is_def)
     }
     dov_isp_param_s& rec = is_def ? para_isp_def[i] : para_isp_cur[i];
     cJSON* obj = cJSON_CreateObject();
-    Lock lk(isp_mu);
+    Lock lk(isp_state.mu);
     for (IspMember m : k_out_order)
         if (field(para_isp_exist[i], m))
-            cJSON_AddNumberToObject(obj, k_names[m], field(rec, m));
+            cJSON_AddNumberToObject(obj, k_names[m], value(rec, m));
     return obj;
 }
 
@@ -318,13 +328,14 @@ void isp_page(void)
 {
     if (dbgout_profile.para_level <= 5)
         return;
+    Lock lk(isp_state.mu);
     PARA_LOG(PARA_INFO, "----------ISP PARAM-----------\n\n");
     for (int i = 0; i < g_num_isp; ++i) {
         PARA_LOG(PARA_INFO, "isp%d param:\n\n", i);
         for (IspMember m : k_dump_order)
             if (field(para_isp_exist[i], m))
                 PARA_LOG(PARA_INFO, "%16s : cur:[%d],\tdef:[%d],\trange:[%d,%d]\n", k_names[m],
-                         field(para_isp_cur[i], m), field(para_isp_def[i], m),
+                         value(para_isp_cur[i], m), field(para_isp_def[i], m),
                          field(para_isp_min[i], m), field(para_isp_max[i], m));
     }
     PARA_LOG(PARA_INFO, "--------------------------------\n\n");
@@ -342,7 +353,7 @@ int check_isp_num(cJSON* json)
 
 bool isp_change_pending(void)
 {
-    return isp_change.flag.load() != 0;
+    return isp_state.change.flag.load() != 0;
 }
 
 /* ---- start-up -------------------------------------------------------- */
@@ -367,7 +378,7 @@ void load_cur_file(cJSON* tree)
             para_set_isp_style_cur(i, para::json_int(style));
         load_style(i, get_isp_style_json(i, para_get_isp_style_cur(i)));
         {
-            Lock lk(isp_mu);
+            Lock lk(isp_state.mu);
             parse_isp_def_odm(i, &para_isp_def[i]);
         }
         _parse_isp_cur_json(saved, &para_isp_cur[i], nullptr);
@@ -411,10 +422,10 @@ int para_init_isp(char* parse_name)
             styles_whole = false;
         int k = para_get_isp_style_def_index(i);
         load_style(i, get_isp_style_json(i, k));
-        Lock lk(isp_mu);
-        para_isp_def[i].style = k;
-        para_isp_cur[i].style = k;
-        para_isp_exist[i].style = 1 | k_exist_numeric;
+        Lock lk(isp_state.mu);
+        store(para_isp_def[i].style, k);
+        store(para_isp_cur[i].style, k);
+        store(para_isp_exist[i].style, 1 | k_exist_numeric);
     }
 
     int parse_ok = 0;
@@ -425,12 +436,13 @@ int para_init_isp(char* parse_name)
     }
     PARA_LOG(PARA_INFO, "parse_ok:%d\n", parse_ok);
     {
-        Lock lk(isp_mu);
+        Lock lk(isp_state.mu);
         for (int i = 0; i < PARA_ISP_NUM; ++i)
-            para_isp_init[i] = para_isp_cur[i];
+            for (int m = 0; m < ISP_MEMBER_COUNT; ++m)
+                store(field(para_isp_init[i], m), value(para_isp_cur[i], m));
     }
-    isp_cur_file.loaded(how);
-    isp_loaded = styles_whole;
+    isp_state.cur_file.loaded(how);
+    isp_state.loaded = styles_whole;
     isp_page();
     return 0;
 }
@@ -496,7 +508,7 @@ int para_get_isp_opt(char* req_name, void* jsonIn, void** jsonOut, char* parse_n
 
 int para_need_save_isp(char* parse_name)
 {
-    return isp_change.due(k_save_delay_ms) ? 1 : 0;
+    return isp_state.change.due(k_save_delay_ms) ? 1 : 0;
 }
 
 int para_save_isp(char* parse_name)
@@ -504,7 +516,7 @@ int para_save_isp(char* parse_name)
     std::lock_guard<std::mutex> saving(para::save_mutex);
     char path[PARA_PATH_MAX];
     bool named = para::make_path(path, para_profile.param_rwfile_dir, k_cur_file);
-    return para::save_store({__func__, isp_change, &isp_cur_file, k_save_delay_ms, isp_loaded,
+    return para::save_store({__func__, isp_state.change, &isp_state.cur_file, k_save_delay_ms, isp_state.loaded,
                              k_cur_file, named ? path : nullptr},
                             [](const char* to, bool) {
                                 para::JsonPtr root(cJSON_CreateObject());
@@ -522,14 +534,14 @@ int para_set_isp_antiflicker_def(int pipe, int value)
     if (!isp_valid_pipe(pipe))
         return -1;
     {
-        Lock lk(isp_mu);
+        Lock lk(isp_state.mu);
         if (para_isp_exist[pipe].antiflicker == 0 || value < para_isp_min[pipe].antiflicker ||
             value > para_isp_max[pipe].antiflicker || value == para_isp_def[pipe].antiflicker)
             return 0;
     }
     para_set_odm_int(const_cast<char*>("isp0_antiflicker_def"), value);
-    Lock lk(isp_mu);
-    para_isp_def[pipe].antiflicker = value;
+    Lock lk(isp_state.mu);
+    store(para_isp_def[pipe].antiflicker, value);
     return 0;
 }
 
@@ -540,17 +552,18 @@ int para_set_isp_style_def(int pipe, int value)
     if (cJSON* style = get_isp_style_json(pipe, value))
         _parse_isp_def_json(style, &para_isp_def[pipe], &para_isp_exist[pipe]);
     para_set_odm_int(const_cast<char*>("isp0_style_def"), value);
-    Lock lk(isp_mu);
+    Lock lk(isp_state.mu);
     parse_isp_def_odm(pipe, &para_isp_def[pipe]);
     return 0;
 }
 
 int para_isp_cur_restore_isp_def(void)
 {
-    Lock lk(isp_mu);
+    Lock lk(isp_state.mu);
     for (int i = 0; i < PARA_ISP_NUM; ++i)
-        para_isp_cur[i] = para_isp_def[i];
+        for (int m = 0; m < ISP_MEMBER_COUNT; ++m)
+            store(field(para_isp_cur[i], m), value(para_isp_def[i], m));
     // Deliberately keeps the time of the latest member change.
-    isp_change.flag.store(1);
+    isp_state.change.flag.store(1);
     return 0;
 }

@@ -177,6 +177,6 @@ int parse_isp_def_odm(int isp_id, dov_isp_param_s* param)
     if (!isp_valid_pipe(isp_id) || !param)
         return -1;
     if (odm_param_antiflicker_def[isp_id] >= 0)
-        param->antiflicker = odm_param_antiflicker_def[isp_id];
+        __atomic_store_n(&param->antiflicker, odm_param_antiflicker_def[isp_id], __ATOMIC_RELAXED);
     return 0;
 }

@@ -1,4 +1,5 @@
-/* Engine of the typed modules (video, audio, focus/zoom).
+/* Engine of the typed modules (video, audio, focus/zoom, and the ISP's
+ * records, change state and per-member access).
  *
  * A module describes its members once (key, place in the record, name
  * table, kind) and points at its six record arrays; everything below works
@@ -88,13 +89,15 @@ struct Member {
 
 /* What a module changes at run time.
  *
- * The one concurrency rule of the typed modules: a current value is a single
- * 32-bit word, read and written atomically by anyone without a lock (the
+ * The one concurrency rule of the typed modules (video, audio, focus/zoom and
+ * ISP): every record word is a single 32-bit word, read and written
+ * atomically. A current value is written by anyone without a lock (the
  * per-member getters and setters run on the host's hot paths). Everything
  * else in the records (ranges, defaults, exist words, records in use) is
- * written only while loading, under `mu`; the walks over several members
- * (requests by name, file objects, the log dump) take `mu` too, so they never
- * see a module half loaded. Callbacks run without it. */
+ * written only under `mu`: while loading, and for the ISP's defaults by its
+ * default maintenance; the walks over several members (requests by name,
+ * file objects, the log dump) take `mu` too, so they never see a module half
+ * loaded. Callbacks run without it. */
 struct State {
     ChangeState change;
     std::mutex mu; /* loading against multi-member walks; see above */
@@ -122,6 +125,7 @@ struct Module {
      * the existence test, range containers not type-tested, file failures
      * not logged. */
     bool plain = false;
+    bool reads_ignore_exist = false; /* ISP: getters answer what the record holds, present or not */
     bool write_by_prefix = false;   /* by-name writes: name begins with key (else exact) */
     int missing_kind_result = 0;    /* by-name write to a member without its kind bit */
     State* st;
@@ -173,9 +177,9 @@ inline int read_value(const Module& m, const Member& mb, Rec r, int s)
 {
     if (!valid(m, s))
         return -1;
-    if ((r == kCur || r == kInit) && !m.plain && at(m, kExist, s, mb) == 0)
+    if ((r == kCur || r == kInit) && !m.plain && !m.reads_ignore_exist && at(m, kExist, s, mb) == 0)
         return -1;
-    return r == kCur ? cur_of(m, s, mb) : at(m, r, s, mb);
+    return __atomic_load_n(&at(m, r, s, mb), __ATOMIC_RELAXED);
 }
 
 inline int get(const Module& m, int idx, Rec r, int s)
