@@ -8,6 +8,9 @@
 #include "scenario.h"
 #include "support.h"
 
+#include <climits>
+#include <cmath>
+
 SCENARIO_TESTS(StoresJson, "stores_json", false);
 SCENARIO_TESTS(StoresMisc, "stores_misc", false);
 
@@ -23,4 +26,12 @@ TEST(JsonUtil, PrintSafeNamesBadTrees)
     dbgout_profile.para_level = 3;
     cJSON_Print_safe(j.get());
     EXPECT_TRUE(log.lines().empty());
+}
+
+// Numbers a file or request may hold become ints without overflow: clamped
+// at the ends, truncated toward zero, NaN (only a host can build one) as 0.
+TEST(JsonUtil, NumbersClampToInt)
+{
+    for (auto [d, i] : {std::pair{1e300, INT_MAX}, {-1e300, INT_MIN}, {NAN, 0}, {-2.9, -2}, {2147483646.5, INT_MAX - 1}})
+        EXPECT_EQ(para::json_int(para::JsonPtr(cJSON_CreateNumber(d)).get()), i) << d;
 }
