@@ -204,22 +204,33 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
     test::CommandResult ran{-1, ""};
     bool running = false;
     // "each A..B STEP ; STEP ..." stands for its steps once per number from A
-    // to B, with "{}" replaced by the number.
+    // to B, with "{}" replaced by the number; "each X,Y,Z STEP ..." once per
+    // word, "{#}" being its place in the list (from 1).
     std::vector<std::pair<int, std::string>> steps;
     int no = 0;
     for (std::string line; std::getline(in, line);) {
         ++no;
-        unsigned from = 0, to = 0;
-        int used = 0;
-        if (sscanf(line.c_str(), "each %u..%u %n", &from, &to, &used) != 2 || used == 0) {
+        if (line.rfind("each ", 0) != 0) {
             steps.emplace_back(no, line);
             continue;
         }
-        for (unsigned i = from; i <= to; ++i)
-            for (std::string body = line.substr(used) + " ; ", step; !body.empty(); body.erase(0, body.find(" ; ") + 3)) {
-                step = body.substr(0, body.find(" ; "));
-                for (size_t at; (at = step.find("{}")) != std::string::npos;)
-                    step.replace(at, 2, std::to_string(i));
+        std::string body = line.substr(5), list = word(body);
+        std::vector<std::string> items;
+        unsigned from = 0, to = 0;
+        if (sscanf(list.c_str(), "%u..%u", &from, &to) == 2)
+            for (unsigned i = from; i <= to; ++i)
+                items.push_back(std::to_string(i));
+        else
+            for (std::stringstream words(list); std::getline(words, items.emplace_back(), ',');) {
+            }
+        if (!items.empty() && items.back().empty())
+            items.pop_back();
+        for (size_t i = 0; i < items.size(); ++i)
+            for (std::string rest = body + " ; ", step; !rest.empty(); rest.erase(0, rest.find(" ; ") + 3)) {
+                step = rest.substr(0, rest.find(" ; "));
+                for (auto [mark, by] : {std::pair{"{}", items[i]}, std::pair{"{#}", std::to_string(i + 1)}})
+                    for (size_t at; (at = step.find(mark)) != std::string::npos;)
+                        step.replace(at, std::string_view(mark).size(), by);
                 steps.emplace_back(no, step);
             }
     }
