@@ -346,7 +346,24 @@ struct Write {
                         target.c_str(), strerror(errno));
             return kWriteFailed;
         }
-        return 0;
+        return drop_journals() ? 0 : kWriteFailed;
+    }
+
+    /* A journal outlives its rewrite only where removing it failed. Left
+     * there, the next start would put its text back over whatever was saved
+     * after it, so a save is only done once no journal of the file is left. */
+    bool drop_journals()
+    {
+        for (const std::string& place : {journal_beside(target), journal_in_rw_dir(target)}) {
+            struct stat js{};
+            std::string text;
+            if (place.empty() || (calls.lstat(place.c_str(), &js) != 0 && errno == ENOENT))
+                continue;
+            if (read_journal(func, place, target, text) != Journal::none &&
+                durable_unlink(func, place.c_str()) != 0)
+                return false;
+        }
+        return true;
     }
 
     /* Writes the journal of this rewrite, flushed with its directory, into
@@ -411,9 +428,7 @@ struct Write {
                         "before the file is next read\n", target.c_str(), strerror(errno), jpath.c_str());
             return kWriteFailed;
         }
-        // Left behind, the journal would only write the same bytes again.
-        durable_unlink(func, jpath.c_str());
-        return 0;
+        return drop_journals() ? 0 : kWriteFailed;
     }
 };
 

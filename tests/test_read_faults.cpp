@@ -4,6 +4,8 @@
 // value nobody changed is never replaced by a default), and each fault leaves
 // one level-3 line naming its file. Special files at current-file names must
 // neither stall the start nor be replaced until a value changes.
+// Write faults: every system call of a save sweep fails in turn; no change
+// may be lost and no file may end up neither old nor new.
 #include "para_internal.h"
 #include "para_sys.h"
 #include "support.h"
@@ -15,6 +17,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -111,6 +114,93 @@ protected:
     Files saved;
 };
 
+/* Any entry of the system-call table failing at its turn: calls counts
+ * every call of every kind, the at-th fails with err. */
+struct WriteFault {
+    int calls = 0, at = 0, err = 0;
+} wfault;
+template <class F> struct Faulty;
+template <class R, class... A> struct Faulty<R (*)(A...)> {
+    template <R (*para::sys::Table::*M)(A...)> static R call(A... a)
+    {
+        if (++wfault.calls == wfault.at)
+            return errno = wfault.err, R(-1);
+        return (plain.*M)(a...);
+    }
+};
+#define FAULTY(name) \
+    para::sys::calls.name = Faulty<decltype(para::sys::Table::name)>::call<&para::sys::Table::name>;
+
+/* A change of every module, saved by the worker's sweep while the at-th
+ * system call of the sweep fails (0: none). Every file must then hold its
+ * old or its new text, each one left old must be named by a level-3 line, the
+ * change must still be pending, and the next sweep must write it. For files
+ * the rewrite in place, a journal left behind must finish the rewrite at the
+ * next start. linked: every current file has a second name, so that saves
+ * rewrite it in place. */
+struct WriteFaults : ReadFaults {
+    Files now_new;
+    void reset(const Files& to)
+    {
+        for (auto& [name, text] : files(dir.rw()))
+            if (!to.count(name))
+                unlink((dir.rw() + "/" + name).c_str());
+        for (auto& [name, text] : to) {
+            std::ofstream f(dir.rw() + "/" + name, std::ios::binary | std::ios::in | std::ios::out | std::ios::trunc);
+            f << text; // through the same inode: a second name stays one
+        }
+    }
+    static void put(const std::string& dir, const Files& fs)
+    {
+        mkdir(dir.c_str(), 0755);
+        for (auto& [name, text] : fs) {
+            if (size_t slash = name.rfind('/'); slash != std::string::npos)
+                mkdir((dir + "/" + name.substr(0, slash)).c_str(), 0755);
+            test::write_file(dir + "/" + name, text);
+        }
+    }
+    /* The calls of the sweep, then what went wrong ("" when nothing did).
+     * The files as the fault left them go to dir/fault. */
+    std::string sweep(int at, int err)
+    {
+        return test::in_child([=] {
+            alarm(30);
+            platformparam_init();
+            para_set_video_gop_cur(0, 78), para_set_isp_bright_cur(0, 31), para_set_audio_audioOutVol_cur(41);
+            para_set_af_focus_value_cur(201), para_set_misc_mirror_cur(0);
+            para_conf_set_member("netport", "http_port", "8082");
+            para_set_odm_int(const_cast<char*>("isp0_style_def"), 2);
+            para::clock_offset_ns += 600'000'000'000;
+            test::LogCapture log(3);
+            wfault = {0, at, err};
+            PARA_SYS_CALLS(FAULTY)
+            save_param(0);
+            para::sys::calls = plain;
+            std::string out = std::to_string(wfault.calls) + " ";
+            Files got = files(dir.rw());
+            put(dir.path() + "/fault", got);
+            for (auto& [name, text] : saved) {
+                std::string base = name.substr(name.rfind('/') + 1);
+                bool journal = false;
+                for (auto& [other, t] : got)
+                    journal |= other.find(".journal") != std::string::npos && t.find(base) != std::string::npos;
+                if (got[name] != text && got[name] != now_new[name] && !journal)
+                    out += name + " is neither old nor new; ";
+                else if (at && got[name] != now_new[name] && !log.contains(base))
+                    out += name + " left old silently; ";
+            }
+            para::clock_offset_ns += 600'000'000'000;
+            save_param(0);
+            for (auto& [name, text] : files(dir.rw()))
+                if (!saved.count(name))
+                    out += name + " left behind; ";
+                else if (at && text != now_new[name])
+                    out += name + " change lost; ";
+            return out;
+        });
+    }
+};
+
 TEST_F(ReadFaults, NoStartUpReadFaultLosesAValue)
 {
     int seen[kCalls] = {}, points = 0, lines, refused;
@@ -175,6 +265,42 @@ TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
     EXPECT_NE(now["video_cur.json"].find("78"), std::string::npos);
     EXPECT_EQ(now["netport.conf"], "special");
     EXPECT_EQ(now["persist/odm.json"], "special");
+}
+
+TEST_F(WriteFaults, NoFailedSaveCallLosesAChange)
+{
+    for (bool linked : {false, true}) {
+        SCOPED_TRACE(linked ? "second names: rewrites in place" : "replaced through a temporary file");
+        for (auto& [name, text] : saved) {
+            std::string second = dir.path() + "/" + std::to_string(std::hash<std::string>()(name));
+            if (linked) {
+                ASSERT_EQ(link((dir.rw() + "/" + name).c_str(), second.c_str()), 0);
+            }
+        }
+        int calls = 0;
+        std::istringstream(sweep(0, 0)) >> calls;
+        now_new = files(dir.rw());
+        ASSERT_GT(calls, 30);
+        int changed = 0;
+        for (auto& [name, text] : saved)
+            changed += now_new[name] != text;
+        ASSERT_GE(changed, 7) << "a module's change was not saved";
+        for (int at = 1; at <= calls; ++at) {
+            reset(saved);
+            std::string got = sweep(at, at % 2 ? EIO : ENOSPC);
+            EXPECT_EQ(got.substr(got.find(' ') + 1), "") << "call " << at << " failing";
+            // What a fault left half-written must be whole at the next start.
+            reset(files(dir.path() + "/fault"));
+            test::in_child([] { test::LogCapture quiet(3); return platformparam_init(), std::string(); });
+            Files next = files(dir.rw());
+            for (auto& [name, text] : saved)
+                EXPECT_TRUE(next[name] == text || next[name] == now_new[name]) << name << " after call " << at << " failed";
+            test::run_command("rm -rf " + dir.path() + "/fault");
+        }
+        reset(saved);
+        std::printf("write faults: each of the %d calls of a save sweep%s failed in turn, 0 changes lost\n", calls,
+                    linked ? " rewriting in place" : "");
+    }
 }
 
 } // namespace
