@@ -1,4 +1,5 @@
-// Steps of a scenario file, one per line ("#" starts a comment):
+// Steps of a scenario file, one per line ("#" starts a comment; "each" repeats
+// steps, see below):
 //   ro SRC [NAME] / rw SRC [NAME]  copy tests/data/SRC into the ro or rw directory
 //   ro-example                     copy every file of examples/device into ro
 //   write ro|rw NAME TEXT          write TEXT (escapes \n \r \t \s \0 \\ \xHH) as a file
@@ -9,7 +10,8 @@
 //   event TEXT / events-none       the next callback the library made / none left
 //   wait FILE JSON                 within 5 s the compact form of rw/FILE is JSON
 //   has FILE TEXT / bytes FILE TEXT  rw/FILE contains / is exactly TEXT
-//   log TEXT                       some log line so far contains TEXT (escapes as write)
+//   log TEXT / log* TEXT           exactly one / some log line so far contains TEXT
+//                                  (escapes as write)
 //   $ TOOL ARGS / status N OUTPUT  run a built tool; its exit status and output
 //   call FN ARGS [-> ANSWER]       a function of calls.cpp's table; its answer is the
 //                                  reply, and must be ANSWER when given
@@ -328,6 +330,8 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
             cJSON_Delete(static_cast<cJSON*>(got));
             cJSON_Delete(msg);
         } else if (op == "log") {
+            EXPECT_EQ(log.count(unescape(rest)), 1) << log.dump(); // once: a line logged twice is a fault too
+        } else if (op == "log*") {
             EXPECT_TRUE(log.contains(unescape(rest))) << log.dump();
         } else if (op == "call" || op == "until") { // "FN ARGS [-> ANSWER]"
             size_t arrow = rest.find(" -> ");
