@@ -174,8 +174,8 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"host_parse_error", V(cJSON_Delete(cJSON_Parse("{host")))}, // its error position must not leak into the library's lines
     {"fill_fds", [](Args&) { return fill_fds(); }},
     E("json_style_file", json_style_file ? "set" : "(null)")
-    {"para_init_conf", V(para_init_conf(a(v, 0)))},
-    {"para_init_misc", V(para_init_misc(a(v, 0)))},
+    C(para_init_conf, a(v, 0))
+    C(para_init_misc, a(v, 0))
     {"para_conf_get_member", [](Args& v) { return s(para_conf_get_member(a(v, 0), a(v, 1))); }},
     {"para_get_netport_member", [](Args& v) { return s(para_get_netport_member(a(v, 0))); }},
     {"para_get_overlay_member", [](Args& v) { return s(para_get_overlay_member(a(v, 0))); }},
