@@ -288,6 +288,7 @@ try:
     # Other origins, other names, frames, missing tokens.
     gop = direct({"msg_type": "get", "video0": ["gop"]})
     for headers, why in (({"Origin": "http://127.0.0.2:9000"}, "another site"), ({"Origin": "null"}, "without Origin"),
+                         ({"Origin": "null", "Referer": BASE + ".attacker.example/"}, "another site (Referer"),
                          ({"Host": "camera.attacker.example:8080"}, "not a name of this server")):
         status, body = http(BASE + "/page/encode", {"enc_gop": "7"}, headers)
         check(status == 403 and why in body, f"a write with {headers} is refused: {body.strip()}")
