@@ -14,6 +14,7 @@
 #include <crypt.h>
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/random.h>
@@ -849,51 +850,42 @@ bool loopback(const std::string& host)
 // server; a client holding more is trickling requests to starve the workers.
 constexpr size_t client_connections_max = 8;
 
-// The live connections of each client, found again by descriptor and inode:
-// cpp-httplib closes its sockets itself, so an entry whose descriptor is gone
-// or now names another socket has ended.
+// The live connections of each client. cpp-httplib closes its sockets itself;
+// close() below tells when.
 class Clients {
 public:
     // Whether a connection just accepted from `peer` may be served.
     bool admit(int fd, const sockaddr_storage& peer)
     {
-        struct stat st{};
-        if (fstat(fd, &st) != 0)
-            return false;
         const std::string who = client_of(peer);
         std::lock_guard<std::mutex> lock(mu_);
-        if (open_.size() > 4096)
-            for (auto it = open_.begin(); it != open_.end();)
-                it = prune(it->second).empty() ? open_.erase(it) : std::next(it);
-        auto& live = prune(open_[who]);
-        if (live.size() >= client_connections_max) {
+        size_t& held = held_[who];
+        if (held >= client_connections_max) {
             auto now = std::chrono::steady_clock::now();
             if (auto& last = told_[who]; now - last > std::chrono::seconds(10)) {
                 last = now;
-                fprintf(stderr, "paramweb: %s holds %zu connections: further ones are closed\n", who.c_str(),
-                        live.size());
+                fprintf(stderr, "paramweb: %s holds %zu connections: further ones are closed\n", who.c_str(), held);
             }
             return false;
         }
-        live.push_back({fd, st.st_ino});
+        ++held;
+        owner_[fd] = who;
         return true;
+    }
+    // Called before the descriptor is closed, so that its number cannot be
+    // accepted again and counted while it is still on the books.
+    void closing(int fd)
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        auto it = owner_.find(fd);
+        if (it == owner_.end())
+            return;
+        if (--held_[it->second] == 0)
+            held_.erase(it->second), told_.erase(it->second);
+        owner_.erase(it);
     }
 
 private:
-    struct Conn {
-        int fd;
-        ino_t ino;
-    };
-    static std::vector<Conn>& prune(std::vector<Conn>& conns)
-    {
-        conns.erase(std::remove_if(conns.begin(), conns.end(),
-                                   [](const Conn& c) {
-                                       struct stat st{};
-                                       return fstat(c.fd, &st) != 0 || st.st_ino != c.ino;
-                                   }),
-                    conns.end());
-        return conns;
-    }
     // An IPv6 client is its /64: one host owns the whole prefix.
     static std::string client_of(const sockaddr_storage& peer)
     {
@@ -914,11 +906,18 @@ private:
     }
 
     std::mutex mu_;
-    std::map<std::string, std::vector<Conn>> open_;
+    std::map<int, std::string> owner_;
+    std::map<std::string, size_t> held_;
     std::map<std::string, std::chrono::steady_clock::time_point> told_;
 };
 
-Clients clients;
+// Made at the first use, never destroyed: libraries close files before
+// main runs, and sockets are still closed while the program exits.
+Clients& clients()
+{
+    static Clients* made = new Clients;
+    return *made;
+}
 
 } // namespace
 
@@ -937,7 +936,7 @@ extern "C" __attribute__((visibility("default"))) int accept(int fd, sockaddr* a
         const int conn = accept4(fd, reinterpret_cast<sockaddr*>(&peer), &peer_len, 0);
         if (conn < 0)
             return conn;
-        if (clients.admit(conn, peer)) {
+        if (clients().admit(conn, peer)) {
             if (addr && len) {
                 memcpy(addr, &peer, std::min<size_t>(*len, peer_len));
                 *len = peer_len;
@@ -946,6 +945,15 @@ extern "C" __attribute__((visibility("default"))) int accept(int fd, sockaddr* a
         }
         close(conn);
     }
+}
+
+// Every close of the program passes here (cpp-httplib's included), so a
+// client's connection count drops exactly when one of its sockets closes.
+extern "C" __attribute__((visibility("default"))) int close(int fd)
+{
+    static const auto next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
+    clients().closing(fd);
+    return next(fd);
 }
 
 int main(int argc, char** argv)
@@ -1152,11 +1160,6 @@ int main(int argc, char** argv)
     signal(SIGINT, SIG_DFL);
     signal(SIGPIPE, SIG_IGN);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    std::thread([&] {
-        int sig;
-        sigwait(&stop_signals, &sig);
-        web.stop();
-    }).detach();
 
     // The library's default options add SO_REUSEPORT, which lets a second
     // paramweb share the address unnoticed; it is told instead.
@@ -1172,6 +1175,15 @@ int main(int argc, char** argv)
            guard.tls ? "https" : "http", listen.c_str(), map.c_str(), PARA_SERVER_PORT,
            guard.hash.empty() ? ", no password: loopback only" : ", admin password required");
     fflush(stdout);
+    // Started once the socket exists, so that a stop never races its
+    // creation; a signal that comes before the server runs waits for it.
+    std::thread([&] {
+        int sig;
+        sigwait(&stop_signals, &sig);
+        while (!web.is_running())
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        web.stop();
+    }).detach();
     web.listen_after_bind();
     return 0;
 }
