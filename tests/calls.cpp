@@ -127,6 +127,9 @@ std::string fill_fds()
     }
     return "";
 }
+// Command lists without a name or a function, and a whole one.
+int no_cmd(int, para_server_message_info*, cJSON**) { return -1; }
+param_handle_t no_name[] = {{nullptr, no_cmd, 0}}, no_func[] = {{"x", nullptr, 0}}, whole[] = {{"x", no_cmd, 0}};
 #define R(e) [](Args & v) { (void)v; return out(e); }
 #define V(...) [](Args & v) { (void)v; __VA_ARGS__; return std::string(); }
 #define E(name, e) {name, R(e)},
@@ -285,7 +288,9 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"cfg_save", [](Args& v) { FILE* f = fopen(a(v, 0), "w"); g_cfg->loop(g_cfg, loop_2_conf, f); return std::to_string(fclose(f)); }},
     {"cfg_loop_buf", [](Args& v) { std::string b(n(v, 0), '\0'); loop_buf_s lb{b.data(), n(v, 0), 0, 0}; g_cfg->loop(g_cfg, loop_2_buf, &lb); return std::to_string(lb.ret) + " " + std::to_string(lb.used) + " " + (lb.ret ? "" : b.c_str()); }},
     {"register_para_handle_extern", V(module_para_handle_s h{}; h.parse_name = a(v, 0); register_para_handle_extern(&h))},
-    C(register_param_command, a(v, 0), nullptr, n(v, 1))
+    {"register_param_command", [](Args& v) {
+        std::map<std::string, param_handle_t*> lists{{"none", nullptr}, {"no_name", no_name}, {"no_func", no_func}, {"whole", whole}};
+        return out(register_param_command(a(v, 0), lists.at(v.at(1)), n(v, 2))); }},
     C(para_server_bind_address, a(v, 0))
     C(para_share_unpublish, n(v, 0))
     {"reply_fits", [](Args& v) { auto r = test::udp_request(v.at(0), 2000, para_server_bound_port()); para::JsonPtr j(cJSON_Parse(r.value_or("").c_str())); return std::to_string(r && r->size() <= size_t(n(v, 1)) && cJSON_GetArraySize(cJSON_GetObjectItem(j.get(), a(v, 2))) <= n(v, 3)); }},
