@@ -2,11 +2,14 @@
 """Mutation score of the suite: N mutants of the library's sources, drawn with
 a seed (a comparison or boolean flipped, a returned constant changed, a call
 dropped), each built and run against the whole suite. A mutant the suite
-fails on is killed; one it passes survives and is listed.
+fails on is killed; one it passes survives and is listed. A mutant whose built
+library is byte for byte the unmutated one (a change to a compile-time-only
+check, say) cannot be told apart by any test: it is listed as equivalent and
+not counted.
 
 usage: mutation.py [N] [SEED]   (make mutation N=48 SEED=1; build in build-mutation/)
 The working tree is restored after every mutant, also on Ctrl-C."""
-import os, random, re, signal, subprocess, sys, time
+import hashlib, os, random, re, signal, subprocess, sys, time
 
 N = int(sys.argv[1]) if len(sys.argv) > 1 else 48
 SEED = int(sys.argv[2]) if len(sys.argv) > 2 else 1
@@ -43,6 +46,14 @@ def run(cmd, timeout):
         return "timeout"
 
 
+def fingerprint():
+    h = hashlib.sha256()
+    for name in ("libpara.so.1.0.0", "libpara_static.a"):
+        with open(os.path.join(BUILD, name), "rb") as f:
+            h.update(f.read())
+    return h.digest()
+
+
 def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutation.py: stopped"))  # restores the file being mutated
     if subprocess.run(["git", "diff", "--quiet", "--"] + SOURCES, cwd=ROOT).returncode:
@@ -50,10 +61,11 @@ def main():
     env_build = ["cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DPARA_TEST_TIMEOUT=120"]
     if run(env_build, 600) != 0 or run(["cmake", "--build", BUILD, "-j", "2"], 3600) != 0:
         sys.exit("mutation.py: the unmutated tree does not build")
+    unmutated = fingerprint()
     if run(["ctest", "--test-dir", BUILD, "-j", "2"], 3600) != 0:
         sys.exit("mutation.py: the unmutated suite is not green; a score would mean nothing")
     drawn = random.Random(SEED).sample(candidates(), N)
-    killed, stillborn, survivors = 0, 0, []
+    killed, stillborn, equivalent, survivors = 0, 0, 0, []
     for k, (path, n, col, rule) in enumerate(drawn, 1):
         full = os.path.join(ROOT, path)
         original = open(full).read()
@@ -67,6 +79,9 @@ def main():
             if run(["cmake", "--build", BUILD, "-j", "2"], 1800) != 0:
                 stillborn += 1
                 verdict = "does not build"
+            elif fingerprint() == unmutated:
+                equivalent += 1
+                verdict = "equivalent (same library)"
             else:
                 r = run(["ctest", "--test-dir", BUILD, "-j", "2", "--stop-on-failure"], 3600)
                 killed += r != 0
@@ -77,9 +92,9 @@ def main():
             open(full, "w").write(original)
         print(f"[{k}/{N}] {path}:{n} {what}: {verdict} ({time.monotonic() - started:.0f} s)", flush=True)
     run(["cmake", "--build", BUILD, "-j", "2"], 3600)  # back to the real tree
-    counted = N - stillborn
+    counted = N - stillborn - equivalent
     print(f"\nmutation score (seed {SEED}): {killed} of {counted} killed"
-          f" ({100.0 * killed / max(counted, 1):.0f}%), {stillborn} did not build")
+          f" ({100.0 * killed / max(counted, 1):.0f}%), {stillborn} did not build, {equivalent} equivalent")
     for s in survivors:
         print("  survivor:", s)
 
