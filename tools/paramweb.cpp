@@ -15,6 +15,7 @@
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/random.h>
@@ -440,12 +441,26 @@ int set_password(const char* file)
     const char* hash = crypt_gensalt_rn("$y$", 0, nullptr, 0, salt, sizeof salt) ? crypt_r(pw.c_str(), salt, &data) : nullptr;
     if (!hash || hash[0] == '*')
         return fprintf(stderr, "paramweb passwd: hashing failed\n"), 1;
-    std::string tmp = std::string(file) + ".tmp";
-    FILE* out = fopen(tmp.c_str(), "w");
-    bool ok = out && fchmod(fileno(out), 0600) == 0 && fprintf(out, "admin:%s\n", hash) > 0;
-    ok = out && fclose(out) == 0 && ok && rename(tmp.c_str(), file) == 0;
-    if (!ok)
-        return fprintf(stderr, "paramweb passwd: cannot write %s: %s\n", file, strerror(errno)), unlink(tmp.c_str()), 1;
+    // The old password stays until the new one is whole on disk: a power cut in
+    // between must not leave an empty file (and a server that will not start).
+    // The temporary is never a link someone planted for root to write through.
+    const std::string tmp = std::string(file) + ".tmp", text = "admin:" + std::string(hash) + "\n";
+    const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    bool ok = fd >= 0 && fchmod(fd, 0600) == 0 && write(fd, text.data(), text.size()) == ssize_t(text.size()) &&
+              fsync(fd) == 0;
+    ok = fd >= 0 && close(fd) == 0 && ok && rename(tmp.c_str(), file) == 0;
+    if (!ok) {
+        const int err = errno;
+        if (fd >= 0)
+            unlink(tmp.c_str());
+        return fprintf(stderr, "paramweb passwd: cannot write %s: %s\n", file, strerror(err)), 1;
+    }
+    const std::string path = file;
+    const size_t slash = path.rfind('/');
+    const int dir = open(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash).c_str(),
+                         O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0)
+        fsync(dir), close(dir);
     fprintf(stderr, "paramweb passwd: %s written\n", file);
     return 0;
 }

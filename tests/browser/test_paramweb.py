@@ -348,9 +348,14 @@ try:
 
     # A mapping paramd does not share: an unknown page, a long field name and
     # changes too large for one request. Bad start-up options first.
-    web = lambda *a: subprocess.run([f"{BUILD}/tools/paramweb", *a], capture_output=True, text=True, timeout=10)
+    web = lambda *a: subprocess.run([f"{BUILD}/tools/paramweb", *a], input="", capture_output=True, text=True, timeout=10)
+    open(os.path.join(work, "empty.pw"), "w").close()
     for args, code, text in ((["--help"], 0, "usage: paramweb"), (["--listen", "x"], 2, "usage: paramweb"),
                              (["--bogus"], 2, "usage: paramweb"), (["extra"], 2, "usage: paramweb"),
+                             (["--cert", MAP], 2, "usage: paramweb"),
+                             (["--map", MAP, "--cert", MAP, "--key", MAP], 1, "cannot use certificate"),
+                             (["--password-file", os.path.join(work, "empty.pw")], 1, "holds no password"),
+                             (["passwd", os.path.join(work, "short.pw")], 1, "use at least 8 characters"),
                              (["--map", "/nonexistent"], 1, "cannot read the mapping file /nonexistent"),
                              (["--map", MAP, "--listen", f"127.0.0.1:{http_port}"], 1, "cannot listen on")):
         r = web(*args)
@@ -371,7 +376,15 @@ try:
     # An admin password: made by "paramweb passwd", required off loopback, asked for by a login page.
     pwfile = os.path.join(work, "admin.pw")
     r = subprocess.run([f"{BUILD}/tools/paramweb", "passwd", pwfile], input="correct horse\n", capture_output=True, text=True)
-    check(r.returncode == 0 and open(pwfile).read().startswith("admin:$y$"), "paramweb passwd stores a yescrypt hash")
+    check(r.returncode == 0 and open(pwfile).read().startswith("admin:$y$") and os.stat(pwfile).st_mode & 0o777 == 0o600
+          and not os.path.exists(pwfile + ".tmp"), "paramweb passwd stores a yescrypt hash, readable by its owner only")
+    victim = os.path.join(work, "victim")
+    open(victim, "w").write("keep\n")
+    os.symlink(victim, os.path.join(work, "planted.pw.tmp"))
+    for target in (os.path.join(work, "planted.pw"), os.path.join(work, "no", "dir.pw")):
+        r = subprocess.run([f"{BUILD}/tools/paramweb", "passwd", target], input="correct horse\n", capture_output=True, text=True)
+        check(r.returncode == 1 and "cannot write" in r.stderr and not os.path.exists(target), f"passwd {target}: refused")
+    check(open(victim).read() == "keep\n", "passwd does not write through a link planted at its temporary")
     r = web("--listen", "0.0.0.0:1", "--map", MAP)
     check(r.returncode == 1 and "not a loopback address" in r.stderr, "without a password file nothing off loopback is served")
     def free_port():
