@@ -72,10 +72,14 @@ def main():
         lines = original.split("\n")
         pattern, repl, what = RULES[rule]
         line = lines[n - 1]
-        lines[n - 1] = line[:col] + re.sub(pattern, repl, line[col:], count=1, flags=re.M)
+        code, comment = line.split("//", 1) if "//" in line else (line, None)  # the rules see the code alone
+        lines[n - 1] = code[:col] + re.sub(pattern, repl, code[col:], count=1, flags=re.M)
+        lines[n - 1] += "" if comment is None else "//" + comment
         started = time.monotonic()
         try:
             open(full, "w").write("\n".join(lines))
+            if lines[n - 1] == line:
+                sys.exit(f"mutation.py: {what} changes nothing at {path}:{n}")
             if run(["cmake", "--build", BUILD, "-j", "2"], 1800) != 0:
                 stillborn += 1
                 verdict = "does not build"
