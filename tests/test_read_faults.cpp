@@ -115,9 +115,11 @@ protected:
 };
 
 /* Any entry of the system-call table failing at its turn: calls counts
- * every call of every kind, the at-th fails with err. */
+ * every call of every kind, the at-th fails with err. dirty: every call that
+ * succeeds leaves errno set, as it may. */
 struct WriteFault {
     int calls = 0, at = 0, err = 0;
+    bool dirty = false;
 } wfault;
 template <class F> struct Faulty;
 template <class R, class... A> struct Faulty<R (*)(A...)> {
@@ -125,7 +127,10 @@ template <class R, class... A> struct Faulty<R (*)(A...)> {
     {
         if (++wfault.calls == wfault.at)
             return errno = wfault.err, R(-1);
-        return (plain.*M)(a...);
+        R r = (plain.*M)(a...);
+        if (wfault.dirty && r != R(-1))
+            errno = EBADMSG;
+        return r;
     }
 };
 #define FAULTY(name) \
@@ -265,6 +270,31 @@ TEST_F(ReadFaults, SpecialFilesNeitherStallNorGetReplaced)
     EXPECT_NE(now["video_cur.json"].find("78"), std::string::npos);
     EXPECT_EQ(now["netport.conf"], "special");
     EXPECT_EQ(now["persist/odm.json"], "special");
+}
+
+/* errno tells something only after a failed call. With every call leaving
+ * it set, a forced save still sets an unreadable current file aside and
+ * writes the new one, and rewrites every other file as it was, silently. */
+TEST_F(WriteFaults, ErrnoIsLookedAtOnlyAfterAFailure)
+{
+    const std::string oversized(para::kReadCap + 1, ' ');
+    test::write_file(dir.rw() + "/af_cur.json", oversized);
+    std::string log = test::in_child([] {
+        alarm(30);
+        platformparam_init();
+        para_set_af_focus_value_cur(201);
+        test::LogCapture log(3);
+        wfault = {0, 0, 0, true};
+        PARA_SYS_CALLS(FAULTY)
+        platformparam_save();
+        para::sys::calls = plain;
+        return log.dump();
+    });
+    EXPECT_EQ(log, "");
+    Files got = files(dir.rw()), want = saved;
+    EXPECT_NE(got["af_cur.json"].find("201"), std::string::npos) << got["af_cur.json"];
+    want["af_cur.json"] = got["af_cur.json"], want["af_cur.json.bad"] = oversized;
+    EXPECT_EQ(got, want);
 }
 
 TEST_F(WriteFaults, NoFailedSaveCallLosesAChange)
