@@ -120,8 +120,9 @@ bool load_module(para::Caller fn, int s, const char* name)
     }
     misc_range[s] = cJSON_Duplicate(tree.get(), 1);
     cJSON_Print_safe(misc_range[s]);
-    if (!para::make_path(path, para_profile.param_rofile_dir, name, ".conf"))
-        return false;
+    // Fits: the range file's path in the same directory was longer.
+    static_assert(sizeof(".conf") < sizeof("_range.json"), "the defaults' path is the shorter");
+    para::make_path(path, para_profile.param_rofile_dir, name, ".conf");
     if (para::parse_conf_file(fn, conf_def[s], nullptr, path, false) != para::CurLoad::read) {
         PARA_LOG_FN(PARA_INFO, fn, "%s configure_parse fail\n", path);
         return false;
