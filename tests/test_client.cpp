@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -88,6 +89,13 @@ TEST(Client, DatagramsAreByteExactAndWhole)
 
 TEST(Client, MapNumbersAndARepublishedMap)
 {
+    auto open_fds = [] { // a map once made keeps no descriptor (the client's one socket aside)
+        int n = 0;
+        for (auto& fd : std::filesystem::directory_iterator("/proc/self/fd"))
+            n += std::filesystem::read_symlink(fd.path()).string().compare(0, 7, "socket:") != 0;
+        return n;
+    };
+    const auto fds = open_fds();
     para_share_set_name_prefix(("/para_share_t" + std::to_string(getpid()) + "_").c_str());
     test::LogCapture log;
     EXPECT_EQ(para_share_register(-1) + para_share_register(4), -2);
@@ -134,6 +142,7 @@ TEST(Client, MapNumbersAndARepublishedMap)
     EXPECT_STREQ(static_cast<char*>(para_get_share_map(2, 1)), "second");
     EXPECT_EQ(para_share_register(2), 0);
     shm_unlink(name.c_str());
+    EXPECT_EQ(open_fds(), fds);
 }
 
 // Once the main side has published, the client registers, reads map 2 and answers in map 3.
