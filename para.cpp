@@ -319,7 +319,6 @@ extern "C" void platformparam_init(void)
         return;
     }
     para_server_started = true;
-    pthread_mutex_init(&param_mux, nullptr);
 
     char path[PARA_PATH_MAX];
     const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
