@@ -300,13 +300,8 @@ int para_set_json_cur(const char* file_name, const char* key, int value)
 int para_init_misc(char* parse_name)
 {
     static int init_flag;
-    if (init_flag == 0) {
+    if (init_flag == 0) { // the first call only opens the slots; they start empty
         init_flag = 1;
-        for (int i = 0; i < kJsonSlots; ++i) {
-            misc_range[i] = nullptr;
-            conf_cur[i] = conf_def[i] = nullptr;
-            misc_item_change[i].take();
-        }
         return 0;
     }
     int s = init_flag - 1;
