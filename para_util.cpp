@@ -193,9 +193,8 @@ CurLoad parse_conf_file(para::Caller func, configure* store, const config_keys* 
     if (current) {
         r = read_current(func, path, f);
     } else {
-        f = read_file(func, path);
-        r = f.fault == ReadFault::none ? CurLoad::read
-            : f.fault == ReadFault::missing ? CurLoad::absent : CurLoad::unreadable;
+        f = read_file(func, path); // its callers only ask whether it was read
+        r = f.fault == ReadFault::none ? CurLoad::read : CurLoad::absent;
     }
     if (r != CurLoad::read)
         return r;

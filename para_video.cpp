@@ -2,6 +2,8 @@
  * the picture-size table. */
 #include "para_typed.h"
 
+#include <algorithm>
+
 namespace typed = para::typed;
 
 /* ---- name tables ---------------------------------------------------- */
@@ -108,7 +110,7 @@ int stream_of_key(const char* key, int limit)
 {
     if (!key)
         return -1;
-    for (int i = 0; i < limit && i < PARA_VIDEO_STREAMS; ++i) {
+    for (int i = 0; i < std::min(limit, PARA_VIDEO_STREAMS); ++i) {
         char name[16];
         std::snprintf(name, sizeof name, "video%d", i);
         if (para::starts_with(name, key))
