@@ -110,6 +110,7 @@ bool small_files(const std::string&)
     rlimit r{2, RLIM_INFINITY};
     return signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &r) == 0;
 }
+template <int E> bool rename_fails(const std::string&) { return (para::sys::calls.rename = [](const char*, const char*) { return errno = E, -1; }); }
 std::string hardlink(const std::string& d) { return plain(d), link((d + "/f").c_str(), (d + "/h").c_str()), d + "/h"; }
 
 /* What the path names keeps its kind, link count and mode; the file it
@@ -142,6 +143,9 @@ const Target kTargets[] = {
      [](const std::string& d) {
          return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                 mount((d + "/src").c_str(), (d + "/f").c_str(), nullptr, MS_BIND, nullptr) == 0; }, "src", "new", ""},
+    // A name change the file system refuses (another mount, a sticky directory): rewritten in place.
+    {"rename_exdev", plain, rename_fails<EXDEV>, "f", "new", ""},
+    {"rename_eperm", plain, rename_fails<EPERM>, "f", "new", ""},
     {"chardev", [](const std::string& d) { return mknod((d + "/c").c_str(), S_IFCHR | 0666, makedev(1, 3)) ? "" : d + "/c"; }, nullptr, "c", nullptr, "is not a regular file"},
     {"fifo", [](const std::string& d) { return mkfifo((d + "/p").c_str(), 0666), d + "/p"; }, nullptr, "p", nullptr, "is not a regular file"},
     {"directory", [](const std::string& d) { return mkdir((d + "/d").c_str(), 0755), d + "/d"; }, nullptr, "d", nullptr, "is not a regular file"},
