@@ -246,6 +246,7 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
     {"para_get_odm_string", [](Args& v) { return buf(PARA_ODM_STRING_MAX + 64, [&](char* b) { return para_get_odm_string(a(v, 0), v.size() > 1 ? nullptr : b); }); }},
     {"para_get_odm_string_safe", [](Args& v) { return buf(n(v, 1), [&](char* b) { return para_get_odm_string_safe(a(v, 0), b, n(v, 1)); }); }},
     {"odm_store", [](Args&) { return js(json_odm_file); }},
+    {"clock", V(para::clock_offset_ns += int64_t(n(v, 0)) * 1000000)}, // the library's clock moved on by MS
     {"odm_age", V(odm_item_start_time.tv_sec -= 3)}, // the latest change older than the save delay
     C(update_conf, a(v, 0), a(v, 1), a(v, 2))
     C(update_line_conf, a(v, 0), a(v, 1), a(v, 2))
