@@ -55,6 +55,11 @@ ssize_t fault_read(int fd, void* buf, size_t len)
 
 /* Every file under dir: name -> content ("special" for anything else). */
 using Files = std::map<std::string, std::string>;
+// A file set aside may be missing while its .bad copy holds the old text.
+bool old_or_new(Files& fs, const std::string& name, const std::string& old, const std::string& now)
+{
+    return fs[name] == old || fs[name] == now || (fs.count(name + ".bad") && fs[name].empty() && fs[name + ".bad"] == old);
+}
 Files files(const std::string& dir, const std::string& rel = "", Files out = {})
 {
     DIR* d = opendir(dir.c_str());
@@ -189,15 +194,17 @@ struct WriteFaults : ReadFaults {
                 bool journal = false;
                 for (auto& [other, t] : got)
                     journal |= other.find(".journal") != std::string::npos && t.find(base) != std::string::npos;
-                if (got[name] != text && got[name] != now_new[name] && !journal)
+                if (!old_or_new(got, name, text, now_new[name]) && !journal)
                     out += name + " is neither old nor new; ";
                 else if (at && got[name] != now_new[name] && !log.contains(base))
                     out += name + " left old silently; ";
             }
+            if (got["af_cur.json"] != saved.at("af_cur.json") && got["af_cur.json.bad"] != saved.at("af_cur.json"))
+                out += "the unreadable af_cur.json is gone; ";
             para::clock_offset_ns += 600'000'000'000;
             save_param(0);
             for (auto& [name, text] : files(dir.rw()))
-                if (!saved.count(name))
+                if (!saved.count(name) && name != "af_cur.json.bad")
                     out += name + " left behind; ";
                 else if (at && text != now_new[name])
                     out += name + " change lost; ";
@@ -299,6 +306,8 @@ TEST_F(WriteFaults, ErrnoIsLookedAtOnlyAfterAFailure)
 
 TEST_F(WriteFaults, NoFailedSaveCallLosesAChange)
 {
+    // One current file cannot be read (past the read cap): the sweep first sets it aside as .bad.
+    test::write_file(dir.rw() + "/af_cur.json", saved["af_cur.json"] = std::string(para::kReadCap + 1, ' '));
     for (bool linked : {false, true}) {
         SCOPED_TRACE(linked ? "second names: rewrites in place" : "replaced through a temporary file");
         for (auto& [name, text] : saved) {
@@ -324,7 +333,7 @@ TEST_F(WriteFaults, NoFailedSaveCallLosesAChange)
             test::in_child([] { test::LogCapture quiet(3); return platformparam_init(), std::string(); });
             Files next = files(dir.rw());
             for (auto& [name, text] : saved)
-                EXPECT_TRUE(next[name] == text || next[name] == now_new[name]) << name << " after call " << at << " failed";
+                EXPECT_TRUE(old_or_new(next, name, text, now_new[name])) << name << " after call " << at << " failed";
             test::run_command("rm -rf " + dir.path() + "/fault");
         }
         reset(saved);
