@@ -320,23 +320,24 @@ extern "C" void platformparam_init(void)
     }
     para_server_started = true;
 
-    char path[PARA_PATH_MAX];
-    const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
-    para::CharPtr text;
-    if (para::make_path(path, para_profile.param_rofile_dir, map_name)) {
-        text = std::move(para::read_file(__func__, path).text);
-        if (!text)
-            PARA_LOG(PARA_INFO, "mapping file %s not readable; default pattern lists apply\n", path);
+    { // the mapping file's text lives only until it is parsed
+        char path[PARA_PATH_MAX];
+        const char* map_name = para_profile.config_file_name ? para_profile.config_file_name : "www2json.json";
+        para::CharPtr text;
+        if (para::make_path(path, para_profile.param_rofile_dir, map_name)) {
+            text = std::move(para::read_file(__func__, path).text);
+            if (!text)
+                PARA_LOG(PARA_INFO, "mapping file %s not readable; default pattern lists apply\n", path);
+        }
+        para_config = text ? cJSON_Parse(text.get()) : nullptr;
+        if (!para_config) {
+            // The error position points into text (or into whatever an earlier
+            // parse of the host left behind): only a failed parse of our own
+            // text has one, and only while the text lives.
+            const char* at = text ? cJSON_GetErrorPtr() : nullptr;
+            PARA_LOG(PARA_ERR, "Error before: [%s]\n", at ? at : "(null)");
+        }
     }
-    para_config = text ? cJSON_Parse(text.get()) : nullptr;
-    if (!para_config) {
-        // The error position points into text (or into whatever an earlier
-        // parse of the host left behind): only a failed parse of our own text
-        // has one, and only while the text lives.
-        const char* at = text ? cJSON_GetErrorPtr() : nullptr;
-        PARA_LOG(PARA_ERR, "Error before: [%s]\n", at ? at : "(null)");
-    }
-    text.reset();
 
     count_builtin_rows();
     register_para_handle_json_pattern();
