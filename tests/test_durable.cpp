@@ -146,6 +146,7 @@ const Target kTargets[] = {
     // A name change the file system refuses (another mount, a sticky directory): rewritten in place.
     {"rename_exdev", plain, rename_fails<EXDEV>, "f", "new", ""},
     {"rename_eperm", plain, rename_fails<EPERM>, "f", "new", ""},
+    {"stdin_closed", plain, [](const std::string&) { return close(0) == 0; }, "f", "new", "", true}, // the temporary file is fd 0
     {"chardev", [](const std::string& d) { return mknod((d + "/c").c_str(), S_IFCHR | 0666, makedev(1, 3)) ? "" : d + "/c"; }, nullptr, "c", nullptr, "is not a regular file"},
     {"fifo", [](const std::string& d) { return mkfifo((d + "/p").c_str(), 0666), d + "/p"; }, nullptr, "p", nullptr, "is not a regular file"},
     {"directory", [](const std::string& d) { return mkdir((d + "/d").c_str(), 0755), d + "/d"; }, nullptr, "d", nullptr, "is not a regular file"},
