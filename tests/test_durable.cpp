@@ -110,7 +110,8 @@ bool small_files(const std::string&)
     rlimit r{2, RLIM_INFINITY};
     return signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &r) == 0;
 }
-template <int E> bool rename_fails(const std::string&) { return (para::sys::calls.rename = [](const char*, const char*) { return errno = E, -1; }); }
+template <int E> bool rename_fails(const std::string&)
+{ para::sys::calls.rename = [](const char*, const char*) { return errno = E, -1; }; return true; }
 std::string hardlink(const std::string& d) { return plain(d), link((d + "/f").c_str(), (d + "/h").c_str()), d + "/h"; }
 
 /* What the path names keeps its kind, link count and mode; the file it

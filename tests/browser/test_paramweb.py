@@ -345,7 +345,8 @@ try:
     owner = threading.Thread(target=lambda: served.append(urllib.request.urlopen(BASE + "/", timeout=20).status))
     owner.start()
     while owner.is_alive():
-        trickle(held), owner.join(1)
+        trickle(held)
+        owner.join(1)
     check(served == [200] and not select.select(held, [], [], 0)[0], "80 slow connections leave the owner served")
     for s in slow:
         s.close()
