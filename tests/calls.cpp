@@ -313,11 +313,18 @@ const std::map<std::string, std::function<std::string(Args&)>> kCalls = {
 #undef IF_num
 } // namespace
 
-// \n \r \t \s (space) \0 \\ and \xHH.
+// \n \r \t \s (space) \0 \\ and \xHH; "<N:c>" stands for N times the character c.
 std::string unescape(const std::string& s)
 {
     std::string out;
     for (size_t i = 0; i < s.size(); ++i) {
+        size_t colon = s.find(':', i);
+        if (s[i] == '<' && colon + 2 < s.size() && s[colon + 2] == '>' && colon > i + 1 &&
+            s.find_first_not_of("0123456789", i + 1) == colon) {
+            out.append(std::stoul(s.substr(i + 1, colon - i - 1)), s[colon + 1]);
+            i = colon + 2;
+            continue;
+        }
         if (s[i] != '\\' || i + 1 == s.size()) {
             out += s[i];
             continue;
@@ -333,23 +340,13 @@ std::string unescape(const std::string& s)
 }
 
 // Words are split at single spaces, then unescaped. "(null)" is a NULL text;
-// "<N:c>" stands for N times the character c; "@ro/", "@rw/" and "@dir/"
-// begin paths inside the scenario's directories.
+// "@ro/", "@rw/" and "@dir/" begin paths inside the scenario's directories.
 std::string call(const std::string& line, const std::string& dir)
 {
     Args v;
     for (size_t i = 0, e; i <= line.size(); i = e + 1) {
         e = std::min(line.find(' ', i), line.size());
-        std::string arg = line.substr(i, e - i), o;
-        for (size_t k = 0; k < arg.size(); ++k) {
-            size_t colon = arg.find(':', k), end = arg.find('>', k);
-            if (arg[k] == '<' && colon < end && end == colon + 2 && isdigit(static_cast<unsigned char>(arg[k + 1]))) {
-                o.append(std::stoul(arg.substr(k + 1, colon - k - 1)), arg[colon + 1]);
-                k = end;
-            } else
-                o += arg[k];
-        }
-        o = unescape(o);
+        std::string o = unescape(line.substr(i, e - i));
         for (const char* at : {"@ro/", "@rw/", "@dir/"})
             if (o.rfind(at, 0) == 0)
                 o = dir + (at[1] == 'd' ? "" : std::string("/") + at[1] + at[2]) + o.substr(strlen(at) - 1);

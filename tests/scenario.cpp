@@ -2,7 +2,7 @@
 // steps, see below):
 //   ro SRC [NAME] / rw SRC [NAME]  copy tests/data/SRC into the ro or rw directory
 //   ro-example                     copy every file of examples/device into ro
-//   write ro|rw NAME TEXT          write TEXT (escapes \n \r \t \s \0 \\ \xHH) as a file
+//   write ro|rw NAME TEXT          write TEXT (escapes \n \r \t \s \0 \\ \xHH, <N:c>)
 //   conf_save N / save_time AUDIO_MS VIDEO_MS / ext
 //   start / save / stop            platformparam_init / _save / _stop(1)
 //   > REQUEST / >! REQUEST         send a datagram and keep the reply / expect none
@@ -335,7 +335,7 @@ void run(const std::string& dir, const std::string& name, bool fixed_port)
             EXPECT_TRUE(log.contains(unescape(rest))) << log.dump();
         } else if (op == "call" || op == "until") { // "FN ARGS [-> ANSWER]"
             size_t arrow = rest.find(" -> ");
-            std::string fn = rest.substr(0, arrow), want = arrow == std::string::npos ? "" : rest.substr(arrow + 4);
+            std::string fn = rest.substr(0, arrow), want = arrow == std::string::npos ? "" : unescape(rest.substr(arrow + 4));
             if (op == "until")
                 test::wait_until([&] { return call(fn, tmp.path()) == want; }, 5000);
             reply = call(fn, tmp.path());
