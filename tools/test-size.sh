@@ -12,7 +12,7 @@
 # check fails above a ceiling that only ever moves down towards the goal: a
 # change may not grow the suite relative to the code.
 goal=0.35
-ceiling=0.59
+ceiling=0.57
 set -eu
 cd "$(dirname "$0")/.."
 git rev-parse --is-inside-work-tree >/dev/null 2>&1 || {
