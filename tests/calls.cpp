@@ -318,9 +318,8 @@ std::string unescape(const std::string& s)
 {
     std::string out;
     for (size_t i = 0; i < s.size(); ++i) {
-        size_t colon = s.find(':', i);
-        if (s[i] == '<' && colon + 2 < s.size() && s[colon + 2] == '>' && colon > i + 1 &&
-            s.find_first_not_of("0123456789", i + 1) == colon) {
+        size_t colon = s[i] == '<' ? s.find_first_not_of("0123456789", i + 1) : std::string::npos;
+        if (colon != std::string::npos && colon > i + 1 && colon + 2 < s.size() && s[colon] == ':' && s[colon + 2] == '>') {
             out.append(std::stoul(s.substr(i + 1, colon - i - 1)), s[colon + 1]);
             i = colon + 2;
             continue;
